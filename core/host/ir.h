@@ -1,0 +1,268 @@
+// The IR graph: operator nodes over named tensors, with constants, shapes and
+// element types, and a producer/consumer index that every edit keeps current.
+//
+// Connections change only through IR::set_input / IR::set_output or through a
+// node's PortList::set, which route to the same place; nothing else writes a
+// node's inputs or outputs, so the index never needs a rebuild. Nodes that are
+// not (yet) in a graph are free to change: they are indexed when added.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "host/attr.h"
+#include "host/ndarray.h"
+
+namespace tolm {
+
+class IR;
+class Node;
+using NodePtr = std::shared_ptr<Node>;
+using NodeList = std::vector<NodePtr>;
+
+// The input or output names of a node. Reads are plain; every write goes
+// through the owning graph when the node is in one.
+class PortList {
+ public:
+  size_t size() const { return names_.size(); }
+  bool empty() const { return names_.empty(); }
+  const std::string& operator[](size_t i) const { return names_[i]; }
+  const std::string& at(size_t i) const { return names_.at(i); }
+  const std::string& back() const { return names_.back(); }
+  std::vector<std::string>::const_iterator begin() const { return names_.begin(); }
+  std::vector<std::string>::const_iterator end() const { return names_.end(); }
+  const std::vector<std::string>& names() const { return names_; }
+  bool contains(const std::string& name) const;
+
+  void set(size_t i, const std::string& name);
+  void push_back(const std::string& name);
+  void resize(size_t n);
+  void assign(const std::vector<std::string>& names);
+  void erase(size_t i);
+
+ private:
+  friend class Node;
+  friend class IR;
+  PortList(Node* node, bool is_output) : node_(node), is_output_(is_output) {}
+  Node* node_;
+  bool is_output_;
+  std::vector<std::string> names_;
+};
+
+class Node : public std::enable_shared_from_this<Node> {
+  struct Token {};
+
+ public:
+  explicit Node(Token);
+  Node(const Node&) = delete;
+  Node& operator=(const Node&) = delete;
+
+  static NodePtr make(const std::string& op_type, const std::vector<std::string>& inputs,
+                      const std::vector<std::string>& outputs, const std::string& name = "",
+                      const std::vector<Attr>& attrs = {}, const std::string& domain = "");
+
+  std::string op_type;
+  std::string name;
+  std::string domain;
+  std::string doc_string;
+  PortList input;
+  PortList output;
+  std::vector<Attr> attribute;
+  // Outer-scope tensors read inside sub-graph attributes (If, Loop, Scan):
+  // indexed as uses so that their producers are never taken for dead.
+  std::vector<std::string> implicit_inputs;
+
+  // Deep copy, not in any graph, with the same names and attributes.
+  NodePtr clone() const;
+  const Attr* find_attr(const std::string& key) const;
+  IR* graph() const { return owner_; }
+  uint64_t uid() const { return uid_; }
+  int64_t order() const { return order_; }
+
+ private:
+  friend class IR;
+  friend class PortList;
+  IR* owner_ = nullptr;
+  uint64_t uid_ = 0;
+  int64_t order_ = 0;
+  size_t slot_ = 0;
+};
+
+struct TensorInfo {
+  Shape shape;
+  bool has_shape = false;
+  int32_t dtype = dt::UNDEFINED;
+  std::vector<Node*> producers;  // the last one is the producer
+  // (consumer, input slot); slot kImplicit for a sub-graph reference.
+  std::vector<std::pair<Node*, uint32_t>> uses;
+};
+
+// A tensor's shape sets across the dynamic-shape profiles of a model.
+using DynamicShapes = std::map<std::string, std::vector<Shape>>;
+
+// Memory of the transpose-mesh rule across calls: the classification and the
+// permutation chosen at the first dynamic-shape profile.
+struct TpCache {
+  bool set = false;
+  std::vector<std::string> free_tensors;
+  std::vector<std::string> block_tensors;
+  std::string most_perm;
+};
+
+// One quantisation record: a tensor's range and its quantisation name.
+struct QuantRecord {
+  std::vector<double> min;
+  std::vector<double> max;
+  std::string name;
+};
+using QuantTable = std::map<std::string, QuantRecord>;
+
+class IR {
+ public:
+  static constexpr uint32_t kImplicit = 0xffffffffu;
+
+  IR();
+  ~IR();
+  IR(const IR&) = delete;
+  IR& operator=(const IR&) = delete;
+
+  // ---- shapes and types -------------------------------------------------
+  // The tensor's dimensions; empty when none is held (see has_shape) and for
+  // scalars.
+  Shape get_shape(const std::string& t) const;
+  bool has_shape(const std::string& t) const;
+  // check_size: the element count must stay what it was, if a shape was held.
+  void set_shape(const std::string& t, const Shape& shape, bool check_size = true,
+                 int32_t dtype = dt::UNDEFINED);
+  void clear_shape(const std::string& t);
+  int32_t get_dtype(const std::string& t) const;
+  void set_dtype(const std::string& t, int32_t dtype);
+
+  // ---- attributes -------------------------------------------------------
+  static const Attr* get_attr(const Node& node, const std::string& key);
+  static std::optional<int64_t> get_attr_int(const Node& node, const std::string& key);
+  static std::optional<std::vector<int64_t>> get_attr_ints(const Node& node,
+                                                           const std::string& key);
+  static std::optional<std::string> get_attr_str(const Node& node, const std::string& key);
+  static std::optional<float> get_attr_float(const Node& node, const std::string& key);
+  void set_attr(Node& node, const Attr& attr);
+  static bool same_attr(const Node& a, const Node& b);
+
+  // ---- constants --------------------------------------------------------
+  const NDArray* get_const(const std::string& t) const;
+  // Value of input i of the node: null if the input is missing or no constant.
+  const NDArray* get_const_optional(const Node& node, size_t i) const;
+  void set_const(const std::string& t, const NDArray& value);
+  bool is_const(const std::string& t) const { return consts_.count(t) != 0; }
+  const std::unordered_map<std::string, NDArray>& consts() const { return consts_; }
+  // Drops a constant (the driver's clean-up of unused initializers).
+  void erase_const(const std::string& t);
+
+  // ---- connectivity -----------------------------------------------------
+  // Consumers in graph order, each once; of a node's outputs in output order.
+  NodeList next_nodes(const Node& node) const;
+  NodeList next_nodes(const std::string& t) const;
+  // Producers of a node's inputs in input order, each once; of a tensor, its
+  // producer or nothing.
+  NodeList pre_nodes(const Node& node) const;
+  NodeList pre_nodes(const std::string& t) const;
+  NodePtr producer(const std::string& t) const;
+  size_t use_count(const std::string& t) const;
+  void set_input(Node& node, size_t i, const std::string& t);
+  void set_output(Node& node, size_t i, const std::string& t);
+
+  bool is_input(const std::string& t) const { return input_set_.count(t) != 0; }
+  bool is_output(const std::string& t) const { return output_set_.count(t) != 0; }
+  const std::vector<std::string>& inputs() const { return inputs_; }
+  const std::vector<std::string>& outputs() const { return outputs_; }
+  void add_graph_input(const std::string& t);
+  void add_graph_output(const std::string& t);
+  bool has_tensor(const std::string& t) const { return tensors_.count(t) != 0; }
+  const TensorInfo* tensor(const std::string& t) const;
+
+  // ---- nodes ------------------------------------------------------------
+  // All nodes in a valid execution order (cached until the graph changes).
+  const NodeList& node() const;
+  size_t node_count() const { return alive_; }
+  bool contains(const Node& n) const { return n.owner_ == this; }
+  // Puts a node into the graph; its order key comes from `order`.
+  void add_node(const NodePtr& node, int64_t order);
+  void add_node(const NodePtr& node);
+  void remove_node(Node& node);
+  NodePtr find_node(const std::string& name) const;
+  // A name that no tensor, constant or node holds yet, from base and suffix.
+  std::string unique_tensor_name(const std::string& base) const;
+  std::string unique_node_name(const std::string& base) const;
+  bool name_taken(const std::string& name) const;
+
+  // True if tensor t is computed upstream of the node (its inputs or theirs).
+  bool depends_on(const Node& node, const std::string& t) const;
+
+  // ---- value_info records held from the model -----------------------------
+  std::vector<std::string>& value_info() { return value_info_; }
+  const std::vector<std::string>& value_info() const { return value_info_; }
+
+  // ---- model facts ------------------------------------------------------
+  int64_t opset() const { return opset_; }
+  void set_opset(int64_t v) { opset_ = v; }
+
+  std::string npu_target = "npu_c";
+  bool qat = false;
+  DynamicShapes dynamic_shapes;
+  std::optional<int64_t> dynamic_idx;
+  TpCache tmp_reduce_tp_cache;
+  std::map<std::string, std::vector<std::string>> op_ruler_pause;
+
+  // ---- change journal (read by the driver) --------------------------------
+  // While on, every edit records the nodes whose neighbourhood changed and the
+  // tensors that lost a use.
+  void set_journal(bool on) { journal_on_ = on; }
+  std::vector<NodePtr> take_touched();
+  std::vector<std::string> take_released();
+
+  // Everything that load/save keeps but no rule reads: the serialized model
+  // without its graph body, and per-tensor records of graph inputs/outputs.
+  std::string model_shell;
+  std::map<std::string, std::string> io_value_info;  // name -> serialized ValueInfoProto
+  std::vector<std::string> const_order;              // initializer order for save
+
+ private:
+  friend class PortList;
+  void touch(Node* n);
+  void touch_tensor_neighbours(const std::string& t);
+  void attach_use(const std::string& t, Node* n, uint32_t slot);
+  void detach_use(const std::string& t, Node* n, uint32_t slot);
+  void attach_producer(const std::string& t, Node* n);
+  void detach_producer(const std::string& t, Node* n);
+  void port_write(Node& node, bool is_output, size_t i, const std::string& t);
+  void port_resize(Node& node, bool is_output, size_t n);
+  void port_erase(Node& node, bool is_output, size_t i);
+  void invalidate_order() { order_valid_ = false; }
+  TensorInfo& info(const std::string& t);
+  void sort_consumers(NodeList& list) const;
+
+  std::unordered_map<std::string, TensorInfo> tensors_;
+  std::unordered_map<std::string, NDArray> consts_;
+  std::vector<NodePtr> slots_;  // nullptr where a node was removed
+  std::vector<size_t> free_slots_;
+  size_t alive_ = 0;
+  std::unordered_map<std::string, Node*> by_name_;
+  std::vector<std::string> inputs_, outputs_;
+  std::unordered_set<std::string> input_set_, output_set_;
+  std::vector<std::string> value_info_;
+  int64_t opset_ = 17;
+  mutable NodeList order_cache_;
+  mutable bool order_valid_ = false;
+  bool journal_on_ = false;
+  std::vector<NodePtr> touched_;
+  std::vector<std::string> released_;
+  int64_t max_order_ = 0;
+};
+
+}  // namespace tolm

@@ -1,0 +1,32 @@
+// Private to host/: conversions between the IR's values and ONNX protobuf
+// messages, shared by onnx_io.cpp and shape_infer.cpp. Not part of the
+// library's interface; include only from .cpp files.
+#pragma once
+
+#include <string>
+
+#include <onnx/onnx_pb.h>
+
+#include "host/attr.h"
+#include "host/ndarray.h"
+
+namespace tolm {
+namespace onnx_convert {
+
+// Decodes a TensorProto (raw_data or the typed fields). Returns an empty
+// string on success, else why it cannot be decoded (external data, element
+// type, size mismatch). `out` is untouched on failure.
+std::string tensor_from_proto(const onnx::TensorProto& tp, NDArray& out);
+// Encodes an array as TensorProto: raw_data, or string_data for strings.
+void tensor_to_proto(const NDArray& a, const std::string& name, onnx::TensorProto* tp);
+
+// Kinds FLOAT, INT, STRING, FLOATS, INTS, STRINGS and TENSOR come decoded;
+// every other kind (and a tensor that cannot be decoded) is kept opaque.
+Attr attr_from_proto(const onnx::AttributeProto& ap);
+void attr_to_proto(const Attr& a, onnx::AttributeProto* ap);
+
+// Whether the TensorProto keeps its data outside the model.
+bool has_external_data(const onnx::TensorProto& tp);
+
+}  // namespace onnx_convert
+}  // namespace tolm

@@ -1,0 +1,812 @@
+#include "host/onnx_io.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <fstream>
+#include <queue>
+#include <sstream>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
+
+#include <google/protobuf/arena.h>
+#include <onnx/onnx_pb.h>
+
+#include "host/onnx_convert.h"
+#include "host/shape_infer.h"
+
+namespace tolm {
+
+// ====================================================== value conversions
+
+namespace onnx_convert {
+
+bool has_external_data(const onnx::TensorProto& tp) {
+  return tp.data_location() == onnx::TensorProto::EXTERNAL || tp.external_data_size() > 0;
+}
+
+namespace {
+
+template <class Dst, class Src>
+void copy_cast(const Src& values, std::vector<uint8_t>& raw) {
+  Dst* out = reinterpret_cast<Dst*>(raw.data());
+  size_t k = 0;
+  for (auto v : values) {
+    const Dst d = static_cast<Dst>(v);
+    std::memcpy(out + k, &d, sizeof(Dst));
+    ++k;
+  }
+}
+
+}  // namespace
+
+std::string tensor_from_proto(const onnx::TensorProto& tp, NDArray& out) {
+  if (has_external_data(tp)) return "external data";
+  Shape shape(tp.dims().begin(), tp.dims().end());
+  for (int64_t d : shape)
+    if (d < 0) return "negative dimension " + std::to_string(d);
+  const int64_t n = shape_size(shape);
+  const int32_t dtype = tp.data_type();
+  if (dtype == dt::STRING) {
+    if (tp.string_data_size() != n)
+      return "holds " + std::to_string(tp.string_data_size()) + " strings, its shape needs " +
+             std::to_string(n);
+    out = NDArray::from_strings(std::vector<std::string>(tp.string_data().begin(), tp.string_data().end()),
+                                shape);
+    return "";
+  }
+  const size_t es = dtype_size(dtype);
+  if (es == 0) return "unsupported element type " + std::to_string(dtype);
+  const size_t bytes = static_cast<size_t>(n) * es;
+  std::vector<uint8_t> raw(bytes);
+  if (tp.has_raw_data()) {
+    if (tp.raw_data().size() != bytes)
+      return "holds " + std::to_string(tp.raw_data().size()) + " bytes, its shape needs " +
+             std::to_string(bytes);
+    if (bytes) std::memcpy(raw.data(), tp.raw_data().data(), bytes);
+    out = NDArray(dtype, std::move(shape), std::move(raw));
+    return "";
+  }
+  // Typed fields. Complex numbers take two values per element.
+  int64_t have = 0;
+  int64_t need = n;
+  switch (dtype) {
+    case dt::FLOAT:
+    case dt::COMPLEX64:
+      need = dtype == dt::COMPLEX64 ? 2 * n : n;
+      have = tp.float_data_size();
+      if (have == need && bytes) std::memcpy(raw.data(), tp.float_data().data(), bytes);
+      break;
+    case dt::DOUBLE:
+    case dt::COMPLEX128:
+      need = dtype == dt::COMPLEX128 ? 2 * n : n;
+      have = tp.double_data_size();
+      if (have == need && bytes) std::memcpy(raw.data(), tp.double_data().data(), bytes);
+      break;
+    case dt::INT64:
+      have = tp.int64_data_size();
+      if (have == need && bytes) std::memcpy(raw.data(), tp.int64_data().data(), bytes);
+      break;
+    case dt::UINT32:
+      have = tp.uint64_data_size();
+      if (have == need) copy_cast<uint32_t>(tp.uint64_data(), raw);
+      break;
+    case dt::UINT64:
+      have = tp.uint64_data_size();
+      if (have == need) copy_cast<uint64_t>(tp.uint64_data(), raw);
+      break;
+    case dt::INT32:
+      have = tp.int32_data_size();
+      if (have == need) copy_cast<int32_t>(tp.int32_data(), raw);
+      break;
+    case dt::INT16:
+      have = tp.int32_data_size();
+      if (have == need) copy_cast<int16_t>(tp.int32_data(), raw);
+      break;
+    case dt::UINT16:
+    case dt::FLOAT16:
+    case dt::BFLOAT16:
+      // float16 / bfloat16 keep their bit patterns in the low 16 bits.
+      have = tp.int32_data_size();
+      if (have == need) copy_cast<uint16_t>(tp.int32_data(), raw);
+      break;
+    case dt::INT8:
+      have = tp.int32_data_size();
+      if (have == need) copy_cast<int8_t>(tp.int32_data(), raw);
+      break;
+    case dt::UINT8:
+      have = tp.int32_data_size();
+      if (have == need) copy_cast<uint8_t>(tp.int32_data(), raw);
+      break;
+    case dt::BOOL:
+      have = tp.int32_data_size();
+      if (have == need) {
+        size_t k = 0;
+        for (int32_t v : tp.int32_data()) raw[k++] = v != 0 ? 1 : 0;
+      }
+      break;
+    default:
+      return "unsupported element type " + std::to_string(dtype);
+  }
+  if (have != need)
+    return "holds " + std::to_string(have) + " values, its shape needs " + std::to_string(need);
+  out = NDArray(dtype, std::move(shape), std::move(raw));
+  return "";
+}
+
+void tensor_to_proto(const NDArray& a, const std::string& name, onnx::TensorProto* tp) {
+  tp->set_name(name);
+  tp->set_data_type(a.dtype());
+  auto* dims = tp->mutable_dims();
+  dims->Reserve(static_cast<int>(a.shape().size()));
+  for (int64_t d : a.shape()) dims->Add(d);
+  if (a.dtype() == dt::STRING) {
+    auto* sd = tp->mutable_string_data();
+    sd->Reserve(static_cast<int>(a.strings().size()));
+    for (const auto& s : a.strings()) *sd->Add() = s;
+  } else {
+    tp->set_raw_data(reinterpret_cast<const char*>(a.raw().data()), a.raw().size());
+  }
+}
+
+Attr attr_from_proto(const onnx::AttributeProto& ap) {
+  Attr a;
+  a.name = ap.name();
+  int32_t type = ap.type();
+  if (type == Attr::UNDEFINED) {
+    // Very old models leave the type out: take it from the field that is set.
+    if (ap.has_f()) type = Attr::FLOAT;
+    else if (ap.has_i()) type = Attr::INT;
+    else if (ap.has_s()) type = Attr::STRING;
+    else if (ap.has_t()) type = Attr::TENSOR;
+    else if (ap.has_g()) type = Attr::GRAPH;
+    else if (ap.floats_size()) type = Attr::FLOATS;
+    else if (ap.ints_size()) type = Attr::INTS;
+    else if (ap.strings_size()) type = Attr::STRINGS;
+    else if (ap.tensors_size()) type = Attr::TENSORS;
+    else if (ap.graphs_size()) type = Attr::GRAPHS;
+  }
+  a.kind = type;
+  bool decoded = ap.ref_attr_name().empty();
+  if (decoded) {
+    switch (type) {
+      case Attr::FLOAT: a.f = ap.f(); break;
+      case Attr::INT: a.i = ap.i(); break;
+      case Attr::STRING: a.s = ap.s(); break;
+      case Attr::FLOATS: a.floats.assign(ap.floats().begin(), ap.floats().end()); break;
+      case Attr::INTS: a.ints.assign(ap.ints().begin(), ap.ints().end()); break;
+      case Attr::STRINGS: a.strings.assign(ap.strings().begin(), ap.strings().end()); break;
+      case Attr::TENSOR: decoded = tensor_from_proto(ap.t(), a.t).empty(); break;
+      default: decoded = false; break;
+    }
+  }
+  if (!decoded) a.opaque = ap.SerializeAsString();
+  return a;
+}
+
+void attr_to_proto(const Attr& a, onnx::AttributeProto* ap) {
+  if (!a.opaque.empty()) {
+    ap->ParseFromString(a.opaque);
+    ap->set_name(a.name);
+    return;
+  }
+  ap->set_name(a.name);
+  ap->set_type(static_cast<onnx::AttributeProto::AttributeType>(a.kind));
+  switch (a.kind) {
+    case Attr::FLOAT: ap->set_f(a.f); break;
+    case Attr::INT: ap->set_i(a.i); break;
+    case Attr::STRING: ap->set_s(a.s); break;
+    case Attr::FLOATS: ap->mutable_floats()->Add(a.floats.begin(), a.floats.end()); break;
+    case Attr::INTS: ap->mutable_ints()->Add(a.ints.begin(), a.ints.end()); break;
+    case Attr::STRINGS:
+      for (const auto& s : a.strings) ap->add_strings(s);
+      break;
+    case Attr::TENSOR: tensor_to_proto(a.t, "", ap->mutable_t()); break;
+    default: break;
+  }
+}
+
+}  // namespace onnx_convert
+
+using namespace onnx_convert;
+
+// ================================================================== load
+
+namespace {
+
+bool is_default_domain(const std::string& d) { return d.empty() || d == "ai.onnx"; }
+
+// Shape of a tensor type when every dimension has a value; else false.
+bool full_shape(const onnx::TypeProto& type, Shape& out) {
+  if (!type.has_tensor_type() || !type.tensor_type().has_shape()) return false;
+  const auto& sh = type.tensor_type().shape();
+  out.clear();
+  out.reserve(static_cast<size_t>(sh.dim_size()));
+  for (const auto& d : sh.dim()) {
+    if (!d.has_dim_value() || d.dim_value() < 0) return false;
+    out.push_back(d.dim_value());
+  }
+  return true;
+}
+
+void apply_type(IR& ir, const std::string& name, const onnx::TypeProto& type, bool with_shape) {
+  if (!type.has_tensor_type()) return;
+  const int32_t elem = type.tensor_type().elem_type();
+  if (elem != dt::UNDEFINED) ir.set_dtype(name, elem);
+  Shape s;
+  if (with_shape && full_shape(type, s)) ir.set_shape(name, s, false);
+}
+
+// Names read inside the graph (and its own sub-graphs) that it does not
+// declare itself: the outer-scope names it captures. First-use order.
+void free_names(const onnx::GraphProto& g, std::vector<std::string>& out) {
+  std::unordered_set<std::string_view> declared;
+  for (const auto& v : g.input()) declared.insert(v.name());
+  for (const auto& t : g.initializer()) declared.insert(t.name());
+  for (const auto& t : g.sparse_initializer()) declared.insert(t.values().name());
+  for (const auto& n : g.node())
+    for (const auto& o : n.output()) declared.insert(o);
+  std::unordered_set<std::string> added;
+  auto use = [&](const std::string& t) {
+    if (!t.empty() && !declared.count(t) && added.insert(t).second) out.push_back(t);
+  };
+  for (const auto& n : g.node()) {
+    for (const auto& i : n.input()) use(i);
+    for (const auto& a : n.attribute()) {
+      std::vector<std::string> sub;
+      if (a.has_g()) free_names(a.g(), sub);
+      for (const auto& sg : a.graphs()) free_names(sg, sub);
+      for (const auto& t : sub) use(t);
+    }
+  }
+}
+
+std::vector<std::string> implicit_inputs_of(const onnx::NodeProto& n) {
+  std::vector<std::string> out;
+  std::unordered_set<std::string> seen;
+  for (const auto& a : n.attribute()) {
+    if (!a.has_g() && a.graphs_size() == 0) continue;
+    std::vector<std::string> sub;
+    if (a.has_g()) free_names(a.g(), sub);
+    for (const auto& sg : a.graphs()) free_names(sg, sub);
+    for (auto& t : sub)
+      if (seen.insert(t).second) out.push_back(std::move(t));
+  }
+  return out;
+}
+
+std::string node_label(const onnx::GraphProto& g, int i) {
+  const auto& n = g.node(i);
+  if (!n.name().empty()) return n.name();
+  return n.op_type() + " node #" + std::to_string(i);
+}
+
+// Dense array of a sparse initializer.
+NDArray densify(const onnx::SparseTensorProto& sp) {
+  const auto& vals = sp.values();
+  const std::string name = vals.name();
+  NDArray values;
+  std::string why = tensor_from_proto(vals, values);
+  if (!why.empty()) throw LoadError("sparse initializer " + name + ": " + why);
+  if (values.dtype() == dt::STRING)
+    throw LoadError("sparse initializer " + name + ": string values are not supported");
+  NDArray indices;
+  why = tensor_from_proto(sp.indices(), indices);
+  if (!why.empty()) throw LoadError("sparse initializer " + name + ": indices " + why);
+  Shape dims(sp.dims().begin(), sp.dims().end());
+  const int64_t total = shape_size(dims);
+  if (total < 0) throw LoadError("sparse initializer " + name + ": negative dimension");
+  const size_t es = dtype_size(values.dtype());
+  const int64_t nnz = values.size();
+  std::vector<uint8_t> raw(static_cast<size_t>(total) * es, 0);
+  const std::vector<int64_t> idx = indices.to_i64();
+  const bool linear = indices.ndim() == 1;
+  if ((linear && static_cast<int64_t>(idx.size()) != nnz) ||
+      (!linear && static_cast<int64_t>(idx.size()) != nnz * static_cast<int64_t>(dims.size())))
+    throw LoadError("sparse initializer " + name + ": indices do not match the values");
+  for (int64_t k = 0; k < nnz; ++k) {
+    int64_t flat = 0;
+    if (linear) {
+      flat = idx[static_cast<size_t>(k)];
+    } else {
+      for (size_t d = 0; d < dims.size(); ++d) flat = flat * dims[d] + idx[static_cast<size_t>(k) * dims.size() + d];
+    }
+    if (flat < 0 || flat >= total) throw LoadError("sparse initializer " + name + ": index out of range");
+    std::memcpy(raw.data() + static_cast<size_t>(flat) * es,
+                values.raw().data() + static_cast<size_t>(k) * es, es);
+  }
+  return NDArray(values.dtype(), dims, std::move(raw));
+}
+
+// The value of a Constant node, if it can be held as a constant.
+bool constant_value(const onnx::NodeProto& n, NDArray& out) {
+  if (n.attribute_size() != 1) return false;
+  const auto& a = n.attribute(0);
+  if (!a.ref_attr_name().empty()) return false;
+  const std::string& k = a.name();
+  if (k == "value") return a.has_t() && tensor_from_proto(a.t(), out).empty();
+  if (k == "value_float") {
+    out = NDArray::scalar_f64(a.f(), dt::FLOAT);
+    return true;
+  }
+  if (k == "value_floats") {
+    std::vector<double> v(a.floats().begin(), a.floats().end());
+    out = NDArray::from_f64(v, Shape{static_cast<int64_t>(v.size())}, dt::FLOAT);
+    return true;
+  }
+  if (k == "value_int") {
+    out = NDArray::scalar_i64(a.i());
+    return true;
+  }
+  if (k == "value_ints") {
+    out = NDArray::from_i64(std::vector<int64_t>(a.ints().begin(), a.ints().end()));
+    return true;
+  }
+  if (k == "value_string") {
+    out = NDArray::from_strings({a.s()}, Shape{});
+    return true;
+  }
+  if (k == "value_strings") {
+    out = NDArray::from_strings(std::vector<std::string>(a.strings().begin(), a.strings().end()),
+                                Shape{a.strings_size()});
+    return true;
+  }
+  return false;  // sparse_value
+}
+
+// Throws LoadError naming a node on a cycle, if the node list has one.
+// `deps[i]` are the indices of the nodes whose outputs node i reads.
+void check_acyclic(const onnx::GraphProto& g, const std::vector<std::vector<int>>& deps) {
+  const size_t n = deps.size();
+  std::vector<int> indeg(n, 0);
+  std::vector<std::vector<int>> users(n);
+  for (size_t i = 0; i < n; ++i)
+    for (int p : deps[i]) {
+      ++indeg[i];
+      users[static_cast<size_t>(p)].push_back(static_cast<int>(i));
+    }
+  std::vector<int> ready;
+  for (size_t i = 0; i < n; ++i)
+    if (indeg[i] == 0) ready.push_back(static_cast<int>(i));
+  size_t done = 0;
+  while (!ready.empty()) {
+    const int x = ready.back();
+    ready.pop_back();
+    ++done;
+    for (int u : users[static_cast<size_t>(x)])
+      if (--indeg[static_cast<size_t>(u)] == 0) ready.push_back(u);
+  }
+  if (done == n) return;
+  // Walk producers among the nodes left until one repeats: it lies on a cycle.
+  size_t x = 0;
+  while (indeg[x] == 0) ++x;
+  std::vector<char> seen(n, 0);
+  while (!seen[x]) {
+    seen[x] = 1;
+    for (int p : deps[x])
+      if (indeg[static_cast<size_t>(p)] > 0) {
+        x = static_cast<size_t>(p);
+        break;
+      }
+  }
+  throw LoadError("graph has a cycle through node " + node_label(g, static_cast<int>(x)));
+}
+
+}  // namespace
+
+std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& options) {
+  if (bytes.empty()) throw LoadError("not an ONNX model: the input is empty");
+  if (bytes.size() > static_cast<size_t>(INT_MAX))
+    throw LoadError("not an ONNX model: larger than 2 GB, the protobuf limit (external data is not supported)");
+  google::protobuf::Arena arena;
+  auto* model = google::protobuf::Arena::CreateMessage<onnx::ModelProto>(&arena);
+  if (!model->ParseFromString(bytes))
+    throw LoadError("not an ONNX model: the bytes do not parse as a ModelProto (truncated or corrupt)");
+  if (model->ir_version() <= 0) throw LoadError("not an ONNX model: no ir_version");
+  if (!model->has_graph()) throw LoadError("not an ONNX model: it has no graph");
+  onnx::GraphProto& g = *model->mutable_graph();
+
+  auto irp = std::make_unique<IR>();
+  IR& ir = *irp;
+
+  // ---- opset
+  bool have_opset = false;
+  for (const auto& op : model->opset_import()) {
+    if (is_default_domain(op.domain())) {
+      ir.set_opset(op.version());
+      have_opset = true;
+    }
+  }
+  if (!have_opset) {
+    bool uses_default = false;
+    for (const auto& n : g.node())
+      if (is_default_domain(n.domain())) {
+        uses_default = true;
+        break;
+      }
+    if (model->ir_version() < 3) {
+      ir.set_opset(1);
+    } else if (uses_default) {
+      throw LoadError("not an ONNX model: no opset import for the default domain (truncated?)");
+    }
+  }
+
+  // ---- names of initializers
+  std::unordered_set<std::string_view> init_names;
+  init_names.reserve(static_cast<size_t>(g.initializer_size() + g.sparse_initializer_size()) * 2 + 1);
+  for (const auto& t : g.initializer())
+    if (!init_names.insert(t.name()).second)
+      throw LoadError("tensor " + t.name() + " has two producers: initializer, initializer");
+  for (const auto& t : g.sparse_initializer())
+    if (!init_names.insert(t.values().name()).second)
+      throw LoadError("tensor " + t.values().name() + " has two producers: initializer, initializer");
+
+  // ---- graph inputs, input_shapes
+  std::unordered_map<std::string, const onnx::ValueInfoProto*> input_vi;
+  for (const auto& vi : g.input()) {
+    if (init_names.count(vi.name())) continue;  // an initializer listed as input (old models)
+    input_vi.emplace(vi.name(), &vi);
+  }
+  bool overrides_conflict = false;
+  for (const auto& [name, shape] : options.input_shapes) {
+    auto it = input_vi.find(name);
+    if (it == input_vi.end())
+      throw LoadError("input_shapes names " + name + ", which is not a graph input");
+    for (int64_t d : shape)
+      if (d < 0) throw LoadError("input_shapes gives " + name + " a negative dimension");
+    const onnx::TypeProto& type = it->second->type();
+    if (type.has_tensor_type() && type.tensor_type().has_shape()) {
+      const auto& sh = type.tensor_type().shape();
+      if (static_cast<size_t>(sh.dim_size()) != shape.size())
+        throw LoadError("input_shapes gives " + name + " rank " + std::to_string(shape.size()) +
+                        ", the model's input has rank " + std::to_string(sh.dim_size()));
+      for (int k = 0; k < sh.dim_size(); ++k)
+        if (sh.dim(k).has_dim_value() && sh.dim(k).dim_value() != shape[static_cast<size_t>(k)])
+          overrides_conflict = true;
+    }
+  }
+  // When an override contradicts a fixed input dimension, the model's own
+  // intermediate shapes no longer hold: keep only their element types.
+  const bool model_shapes = !overrides_conflict;
+
+  // ---- value_info, outputs, inputs (the latter win)
+  ir.value_info().reserve(static_cast<size_t>(g.value_info_size()));
+  for (const auto& vi : g.value_info()) {
+    ir.value_info().push_back(vi.name());
+    if (input_vi.count(vi.name())) continue;
+    apply_type(ir, vi.name(), vi.type(), model_shapes);
+  }
+  for (const auto& vi : g.output()) {
+    ir.add_graph_output(vi.name());
+    ir.io_value_info[vi.name()] = vi.SerializeAsString();
+    apply_type(ir, vi.name(), vi.type(), model_shapes);
+  }
+  for (const auto& vi : g.input()) {
+    if (init_names.count(vi.name())) continue;
+    ir.add_graph_input(vi.name());
+    ir.io_value_info[vi.name()] = vi.SerializeAsString();
+    auto ov = options.input_shapes.find(vi.name());
+    apply_type(ir, vi.name(), vi.type(), ov == options.input_shapes.end());
+    if (ov != options.input_shapes.end()) ir.set_shape(vi.name(), ov->second, false);
+  }
+
+  // ---- initializers
+  for (const auto& tp : g.initializer()) {
+    if (has_external_data(tp)) throw LoadError("external tensor data is not supported: " + tp.name());
+    NDArray a;
+    const std::string why = tensor_from_proto(tp, a);
+    if (!why.empty()) throw LoadError("initializer " + tp.name() + ": " + why);
+    ir.set_const(tp.name(), a);
+  }
+  for (const auto& sp : g.sparse_initializer()) ir.set_const(sp.values().name(), densify(sp));
+
+  // ---- producers, implicit inputs, order check
+  const int n_nodes = g.node_size();
+  std::unordered_map<std::string_view, int> producer_of;
+  producer_of.reserve(static_cast<size_t>(n_nodes) * 2 + 1);
+  for (int i = 0; i < n_nodes; ++i) {
+    for (const auto& o : g.node(i).output()) {
+      if (o.empty()) continue;
+      if (init_names.count(o))
+        throw LoadError("tensor " + o + " has two producers: initializer, " + node_label(g, i));
+      if (input_vi.count(o))
+        throw LoadError("tensor " + o + " has two producers: graph input, " + node_label(g, i));
+      auto [it, fresh] = producer_of.emplace(o, i);
+      if (!fresh)
+        throw LoadError("tensor " + o + " has two producers: " + node_label(g, it->second) + ", " +
+                        node_label(g, i));
+    }
+  }
+  std::unordered_map<int, std::vector<std::string>> implicit;
+  for (int i = 0; i < n_nodes; ++i) {
+    const auto& n = g.node(i);
+    for (const auto& a : n.attribute()) {
+      if (a.has_g() || a.graphs_size() > 0) {
+        implicit[i] = implicit_inputs_of(n);
+        break;
+      }
+    }
+  }
+  bool sorted = true;
+  auto producer_index = [&](const std::string& t) {
+    if (t.empty()) return -1;
+    auto it = producer_of.find(t);
+    return it == producer_of.end() ? -1 : it->second;
+  };
+  for (int i = 0; i < n_nodes && sorted; ++i) {
+    for (const auto& t : g.node(i).input())
+      if (producer_index(t) >= i) sorted = false;
+    auto im = implicit.find(i);
+    if (im != implicit.end())
+      for (const auto& t : im->second)
+        if (producer_index(t) >= i) sorted = false;
+  }
+  if (!sorted) {
+    std::vector<std::vector<int>> deps(static_cast<size_t>(n_nodes));
+    for (int i = 0; i < n_nodes; ++i) {
+      auto& d = deps[static_cast<size_t>(i)];
+      for (const auto& t : g.node(i).input()) {
+        const int p = producer_index(t);
+        if (p >= 0) d.push_back(p);
+      }
+      auto im = implicit.find(i);
+      if (im != implicit.end())
+        for (const auto& t : im->second) {
+          const int p = producer_index(t);
+          if (p >= 0) d.push_back(p);
+        }
+    }
+    check_acyclic(g, deps);
+  }
+
+  // ---- nodes
+  for (int i = 0; i < n_nodes; ++i) {
+    const onnx::NodeProto& np = g.node(i);
+    if (np.op_type() == "Constant" && is_default_domain(np.domain()) && np.output_size() == 1 &&
+        !np.output(0).empty() && !ir.is_output(np.output(0))) {
+      NDArray v;
+      if (constant_value(np, v)) {
+        ir.set_const(np.output(0), v);
+        continue;
+      }
+    }
+    std::vector<Attr> attrs;
+    attrs.reserve(static_cast<size_t>(np.attribute_size()));
+    for (const auto& ap : np.attribute()) attrs.push_back(attr_from_proto(ap));
+    NodePtr node = Node::make(np.op_type(), std::vector<std::string>(np.input().begin(), np.input().end()),
+                              std::vector<std::string>(np.output().begin(), np.output().end()), np.name(),
+                              attrs, np.domain());
+    if (!np.doc_string().empty()) node->doc_string = np.doc_string();
+    auto im = implicit.find(i);
+    if (im != implicit.end()) node->implicit_inputs = std::move(im->second);
+    ir.add_node(node, i);
+  }
+
+  // ---- the shell: everything but the graph body
+  g.clear_node();
+  g.clear_initializer();
+  g.clear_value_info();
+  g.clear_sparse_initializer();
+  model->SerializeToString(&ir.model_shell);
+
+  if (options.infer_shapes) infer_missing(ir);
+  return irp;
+}
+
+std::unique_ptr<IR> load_model_file(const std::string& path, const LoadOptions& options) {
+  std::ifstream f(path, std::ios::binary);
+  if (!f) throw LoadError("cannot open " + path);
+  std::string bytes;
+  f.seekg(0, std::ios::end);
+  const std::streamoff size = f.tellg();
+  if (size < 0) throw LoadError("cannot read " + path);
+  bytes.resize(static_cast<size_t>(size));
+  f.seekg(0, std::ios::beg);
+  if (size > 0 && !f.read(&bytes[0], size)) throw LoadError("cannot read " + path);
+  return load_model(bytes, options);
+}
+
+// ================================================================== save
+
+namespace {
+
+// Writes the IR's shape and element type into a tensor-typed record, where
+// the IR holds them.
+void refresh_type(const IR& ir, onnx::ValueInfoProto& vi) {
+  const std::string& name = vi.name();
+  onnx::TypeProto* type = vi.mutable_type();
+  if (type->value_case() != onnx::TypeProto::kTensorType && type->value_case() != onnx::TypeProto::VALUE_NOT_SET)
+    return;  // sequences, maps, optionals: leave as the model has them
+  const int32_t dtype = ir.get_dtype(name);
+  if (dtype != dt::UNDEFINED) type->mutable_tensor_type()->set_elem_type(dtype);
+  if (!ir.has_shape(name)) return;
+  const Shape s = ir.get_shape(name);
+  auto* tt = type->mutable_tensor_type();
+  if (tt->has_shape()) {
+    const auto& old = tt->shape();
+    bool same = old.dim_size() == static_cast<int>(s.size());
+    for (int k = 0; same && k < old.dim_size(); ++k)
+      same = old.dim(k).has_dim_value() && old.dim(k).dim_value() == s[static_cast<size_t>(k)];
+    if (same) return;
+  }
+  auto* sh = tt->mutable_shape();
+  sh->clear_dim();
+  for (int64_t d : s) sh->add_dim()->set_dim_value(d);
+}
+
+void make_value_info(const IR& ir, const std::string& name, onnx::ValueInfoProto* vi) {
+  vi->set_name(name);
+  refresh_type(ir, *vi);
+}
+
+}  // namespace
+
+std::string save_model(const IR& ir) {
+  google::protobuf::Arena arena;
+  auto* model = google::protobuf::Arena::CreateMessage<onnx::ModelProto>(&arena);
+  if (!ir.model_shell.empty()) {
+    if (!model->ParseFromString(ir.model_shell)) throw std::runtime_error("save_model: model shell is corrupt");
+  } else {
+    model->set_ir_version(8);
+    model->set_producer_name("tolm-reduce");
+  }
+  onnx::GraphProto* g = model->mutable_graph();
+  g->clear_node();
+  g->clear_initializer();
+  g->clear_value_info();
+  g->clear_sparse_initializer();
+
+  // Default-domain opset follows the IR.
+  const NodeList& nodes = ir.node();
+  bool have_opset = false;
+  for (auto& op : *model->mutable_opset_import()) {
+    if (is_default_domain(op.domain())) {
+      op.set_version(ir.opset());
+      have_opset = true;
+    }
+  }
+  if (!have_opset) {
+    bool uses_default = false;
+    for (const auto& n : nodes)
+      if (is_default_domain(n->domain)) {
+        uses_default = true;
+        break;
+      }
+    if (uses_default || ir.model_shell.empty()) {
+      auto* op = model->add_opset_import();
+      op->set_domain("");
+      op->set_version(ir.opset());
+    }
+  }
+
+  // ---- nodes, and the constants they read
+  std::unordered_set<std::string_view> used_consts;
+  auto note_use = [&](const std::string& t) {
+    if (!t.empty() && ir.is_const(t)) used_consts.insert(t);
+  };
+  g->mutable_node()->Reserve(static_cast<int>(nodes.size()));
+  for (const auto& n : nodes) {
+    onnx::NodeProto* np = g->add_node();
+    np->mutable_input()->Reserve(static_cast<int>(n->input.size()));
+    for (const auto& t : n->input) {
+      np->add_input(t);
+      note_use(t);
+    }
+    for (const auto& t : n->implicit_inputs) note_use(t);
+    np->mutable_output()->Reserve(static_cast<int>(n->output.size()));
+    for (const auto& t : n->output) np->add_output(t);
+    if (!n->name.empty()) np->set_name(n->name);
+    np->set_op_type(n->op_type);
+    if (!n->domain.empty()) np->set_domain(n->domain);
+    if (!n->doc_string.empty()) np->set_doc_string(n->doc_string);
+    np->mutable_attribute()->Reserve(static_cast<int>(n->attribute.size()));
+    for (const auto& a : n->attribute) attr_to_proto(a, np->add_attribute());
+  }
+  for (const auto& t : ir.outputs()) note_use(t);
+
+  // ---- initializers: const_order first, then the rest by name
+  std::unordered_set<std::string_view> emitted;
+  emitted.reserve(used_consts.size() * 2 + 1);
+  auto produced_by_node = [&](const std::string& t) {
+    const TensorInfo* ti = ir.tensor(t);
+    return ti && !ti->producers.empty();
+  };
+  g->mutable_initializer()->Reserve(static_cast<int>(used_consts.size()));
+  auto emit_const = [&](const std::string& t) {
+    if (!used_consts.count(t) || emitted.count(t) || produced_by_node(t)) return;
+    const NDArray* a = ir.get_const(t);
+    if (!a) return;
+    emitted.insert(*used_consts.find(t));
+    tensor_to_proto(*a, t, g->add_initializer());
+  };
+  for (const auto& t : ir.const_order) emit_const(t);
+  if (emitted.size() < used_consts.size()) {
+    std::vector<std::string_view> rest;
+    for (const auto& t : used_consts)
+      if (!emitted.count(t)) rest.push_back(t);
+    std::sort(rest.begin(), rest.end());
+    for (const auto& t : rest) emit_const(std::string(t));
+  }
+
+  // ---- graph inputs: the model's records in the model's order
+  std::vector<onnx::ValueInfoProto> old_inputs(g->input().begin(), g->input().end());
+  g->clear_input();
+  std::unordered_set<std::string> input_done;
+  for (auto& vi : old_inputs) {
+    const std::string name = vi.name();
+    if (ir.is_input(name)) {
+      if (!input_done.insert(name).second) continue;
+      auto rec = ir.io_value_info.find(name);
+      onnx::ValueInfoProto* out = g->add_input();
+      if (rec != ir.io_value_info.end()) out->ParseFromString(rec->second);
+      else *out = vi;
+      refresh_type(ir, *out);
+    } else if (emitted.count(name) && input_done.insert(name).second) {
+      *g->add_input() = vi;  // an initializer that the model also lists as input
+    }
+  }
+  for (const auto& name : ir.inputs()) {
+    if (!input_done.insert(name).second) continue;
+    onnx::ValueInfoProto* out = g->add_input();
+    auto rec = ir.io_value_info.find(name);
+    if (rec != ir.io_value_info.end()) {
+      out->ParseFromString(rec->second);
+      refresh_type(ir, *out);
+    } else {
+      make_value_info(ir, name, out);
+    }
+  }
+  if (model->ir_version() < 4) {
+    // Before IR version 4 every initializer must also be a graph input.
+    for (const auto& tp : g->initializer()) {
+      if (!input_done.insert(tp.name()).second) continue;
+      onnx::ValueInfoProto* out = g->add_input();
+      out->set_name(tp.name());
+      auto* tt = out->mutable_type()->mutable_tensor_type();
+      tt->set_elem_type(tp.data_type());
+      auto* sh = tt->mutable_shape();
+      for (int64_t d : tp.dims()) sh->add_dim()->set_dim_value(d);
+    }
+  }
+
+  // ---- graph outputs
+  std::unordered_map<std::string, onnx::ValueInfoProto> old_outputs;
+  for (const auto& vi : g->output()) old_outputs.emplace(vi.name(), vi);
+  g->clear_output();
+  for (const auto& name : ir.outputs()) {
+    onnx::ValueInfoProto* out = g->add_output();
+    auto rec = ir.io_value_info.find(name);
+    if (rec != ir.io_value_info.end()) {
+      out->ParseFromString(rec->second);
+    } else {
+      auto old = old_outputs.find(name);
+      if (old != old_outputs.end()) *out = old->second;
+      else out->set_name(name);
+    }
+    refresh_type(ir, *out);
+  }
+
+  // ---- value_info: inner tensors with known shape and type, in node order
+  for (const auto& n : nodes) {
+    for (const auto& t : n->output) {
+      if (t.empty() || ir.is_input(t) || ir.is_output(t) || ir.is_const(t)) continue;
+      const TensorInfo* ti = ir.tensor(t);
+      if (!ti || !ti->has_shape || ti->dtype == dt::UNDEFINED) continue;
+      if (ti->producers.empty() || ti->producers.back() != n.get()) continue;
+      onnx::ValueInfoProto* vi = g->add_value_info();
+      vi->set_name(t);
+      auto* tt = vi->mutable_type()->mutable_tensor_type();
+      tt->set_elem_type(ti->dtype);
+      auto* sh = tt->mutable_shape();
+      for (int64_t d : ti->shape) sh->add_dim()->set_dim_value(d);
+    }
+  }
+
+  std::string out;
+  if (!model->SerializeToString(&out))
+    throw std::runtime_error("save_model: the model does not serialize (larger than 2 GB?)");
+  return out;
+}
+
+}  // namespace tolm

@@ -1,0 +1,427 @@
+#include "reduce/driver.h"
+
+#include <algorithm>
+#include <deque>
+#include <unordered_map>
+#include <unordered_set>
+
+#include "host/log.h"
+#include "host/shape_infer.h"
+
+namespace tolm {
+
+namespace {
+
+// How often one `limit` row may fire from the same anchor node. These rows
+// can rewrite without shrinking the graph; the cap is what makes them end.
+constexpr int kLimitFiresPerAnchor = 2;
+// How many `limit` rewrites may stand behind a node: a node made by such a
+// rewrite from nodes made by such rewrites, this deep, anchors no more of them.
+// Rewrites that replace nodes with others of the same count could otherwise
+// hand the graph back and forth for ever.
+constexpr int kLimitDepth = 4;
+// How many distinct matches of one row are offered from one anchor.
+constexpr int kMaxMatchesPerAnchor = 32;
+
+// A FIFO of nodes, each queued at most once at a time.
+class Worklist {
+ public:
+  void push(const NodePtr& n) {
+    if (queued_.insert(n->uid()).second) q_.push_back(n);
+  }
+  NodePtr pop() {
+    NodePtr n = q_.front();
+    q_.pop_front();
+    queued_.erase(n->uid());
+    return n;
+  }
+  bool empty() const { return q_.empty(); }
+
+ private:
+  std::deque<NodePtr> q_;
+  std::unordered_set<uint64_t> queued_;
+};
+
+struct TableIndex {
+  const std::vector<Row>* rows;
+  // Anchor op type -> row positions, in table order. The anchor is the first
+  // node of a chain, or the sink (last node) of an `n_pre_nodes` pattern.
+  std::unordered_map<std::string, std::vector<size_t>> regular, limited;
+
+  explicit TableIndex(const std::vector<Row>& table) : rows(&table) {
+    for (size_t i = 0; i < table.size(); ++i) {
+      const Row& r = table[i];
+      if (!r.proc) continue;
+      const std::string& anchor = r.n_pre_nodes.empty() ? r.ops.front() : r.ops.back();
+      (r.has_limit ? limited : regular)[anchor].push_back(i);
+    }
+  }
+};
+
+bool is_paused(const IR& ir, const std::string& key, const Node& n) {
+  auto it = ir.op_ruler_pause.find(key);
+  if (it == ir.op_ruler_pause.end()) return false;
+  return std::find(it->second.begin(), it->second.end(), n.name) != it->second.end();
+}
+
+bool reads_output_of(const Node& consumer, const Node& producer) {
+  for (const auto& t : consumer.input)
+    if (!t.empty() && producer.output.contains(t)) return true;
+  return false;
+}
+
+// The tensors between producer and consumer have the consumer as their only
+// reader and are no graph outputs.
+bool inner_link_private(const IR& ir, const Node& producer, const Node& consumer) {
+  for (const auto& t : producer.output) {
+    if (t.empty() || !consumer.input.contains(t)) continue;
+    if (ir.is_output(t)) return false;
+    const TensorInfo* ti = ir.tensor(t);
+    if (!ti) return false;
+    for (const auto& u : ti->uses)
+      if (u.first != &consumer) return false;
+  }
+  return true;
+}
+
+class Matcher {
+ public:
+  Matcher(IR& ir, const Row& row, QuantTable* qt, DriverStats& stats)
+      : ir_(ir), row_(row), qt_(qt), stats_(stats) {}
+
+  // Offers the row's matches anchored at `anchor` to its procedure until one
+  // applies. Returns the applied result, or an empty one.
+  RuleResult run(const NodePtr& anchor) {
+    NodeList nodes{anchor};
+    if (row_.n_pre_nodes.empty()) {
+      chain(nodes);
+    } else {
+      pattern(anchor);
+    }
+    return std::move(result_);
+  }
+
+ private:
+  bool offer(const NodeList& nodes) {
+    if (tries_ >= kMaxMatchesPerAnchor) return true;
+    ++tries_;
+    ++stats_.attempts;
+    result_ = row_.proc(ir_, nodes, qt_);
+    return result_.applied();
+  }
+
+  bool chain(NodeList& nodes) {
+    if (nodes.size() == row_.ops.size()) return offer(nodes);
+    const NodePtr& last = nodes.back();
+    const std::string& want = row_.ops[nodes.size()];
+    for (const NodePtr& next : ir_.next_nodes(*last)) {
+      if (next->op_type != want) continue;
+      if (std::find(nodes.begin(), nodes.end(), next) != nodes.end()) continue;
+      if (!row_.handles_branches && !inner_link_private(ir_, *last, *next)) continue;
+      nodes.push_back(next);
+      if (chain(nodes)) return true;
+      nodes.pop_back();
+    }
+    return false;
+  }
+
+  // A small pattern that ends in `sink`: the other nodes reach it directly or
+  // through each other, and node i has exactly n_pre_nodes[i] producers.
+  bool pattern(const NodePtr& sink) {
+    const size_t k = row_.ops.size();
+    if (static_cast<int>(ir_.pre_nodes(*sink).size()) != row_.n_pre_nodes.back()) return false;
+    // Ancestors within k-1 steps, nearest first.
+    NodeList cands;
+    NodeList frontier{sink};
+    for (size_t depth = 1; depth < k && !frontier.empty(); ++depth) {
+      NodeList next;
+      for (const auto& n : frontier)
+        for (const auto& p : ir_.pre_nodes(*n))
+          if (p != sink && std::find(cands.begin(), cands.end(), p) == cands.end()) {
+            cands.push_back(p);
+            next.push_back(p);
+          }
+      frontier.swap(next);
+    }
+    std::vector<int> pre_count(cands.size());
+    for (size_t i = 0; i < cands.size(); ++i)
+      pre_count[i] = static_cast<int>(ir_.pre_nodes(*cands[i]).size());
+    std::vector<size_t> pick;
+    std::vector<bool> used(cands.size(), false);
+    return assign(sink, cands, pre_count, pick, used);
+  }
+
+  bool assign(const NodePtr& sink, const NodeList& cands, const std::vector<int>& pre_count,
+              std::vector<size_t>& pick, std::vector<bool>& used) {
+    const size_t k = row_.ops.size();
+    const size_t i = pick.size();
+    if (i + 1 == k) {
+      NodeList nodes;
+      for (size_t p : pick) nodes.push_back(cands[p]);
+      nodes.push_back(sink);
+      if (!connected(nodes)) return false;
+      return offer(nodes);
+    }
+    // Entries alike in op and producer count take candidates in rising order,
+    // so each set of nodes is offered once.
+    size_t from = 0;
+    if (i > 0 && row_.ops[i] == row_.ops[i - 1] && row_.n_pre_nodes[i] == row_.n_pre_nodes[i - 1])
+      from = pick.back() + 1;
+    for (size_t c = from; c < cands.size(); ++c) {
+      if (used[c] || cands[c]->op_type != row_.ops[i] || pre_count[c] != row_.n_pre_nodes[i])
+        continue;
+      used[c] = true;
+      pick.push_back(c);
+      if (assign(sink, cands, pre_count, pick, used)) return true;
+      pick.pop_back();
+      used[c] = false;
+      if (tries_ >= kMaxMatchesPerAnchor) return false;
+    }
+    return false;
+  }
+
+  bool connected(const NodeList& nodes) const {
+    for (size_t i = 0; i + 1 < nodes.size(); ++i) {
+      bool feeds = false;
+      for (size_t j = 0; j < nodes.size() && !feeds; ++j)
+        if (j != i && reads_output_of(*nodes[j], *nodes[i])) feeds = true;
+      if (!feeds) return false;
+    }
+    return true;
+  }
+
+  IR& ir_;
+  const Row& row_;
+  QuantTable* qt_;
+  DriverStats& stats_;
+  RuleResult result_;
+  int tries_ = 0;
+};
+
+class Driver {
+ public:
+  Driver(IR& ir, const std::vector<Row>& first, const std::vector<Row>& second, QuantTable* qt,
+         const DriverOptions& opt)
+      : ir_(ir), qt_(qt), cvt_(first), fuse_(second) {
+    budget_ = opt.max_rewrites > 0 ? opt.max_rewrites
+                                   : 20 * static_cast<int64_t>(ir.node_count()) + 10000;
+  }
+
+  DriverStats run() {
+    ir_.set_journal(true);
+    for (const auto& n : ir_.node()) push_all(n);
+    while (true) {
+      if (!drain(cvt_, cvt_regular_, false)) break;
+      if (!drain(fuse_, fuse_regular_, false)) break;
+      if (!cvt_regular_.empty()) continue;
+      // Rows that may rewrite without shrinking run one anchor at a time,
+      // each followed by the cheap rows on whatever it touched.
+      if (step_one(cvt_, cvt_limited_)) continue;
+      if (step_one(fuse_, fuse_limited_)) continue;
+      if (cvt_regular_.empty() && fuse_regular_.empty() && cvt_limited_.empty() &&
+          fuse_limited_.empty())
+        break;
+      if (!stats_.converged) break;
+    }
+    ir_.take_touched();
+    ir_.take_released();
+    ir_.set_journal(false);
+    return stats_;
+  }
+
+ private:
+  void push_all(const NodePtr& n) {
+    cvt_regular_.push(n);
+    fuse_regular_.push(n);
+    cvt_limited_.push(n);
+    fuse_limited_.push(n);
+  }
+
+  // Runs the table's regular rows until their worklist is empty. False when
+  // the rewrite budget is spent.
+  bool drain(const TableIndex& table, Worklist& wl, bool limited) {
+    while (!wl.empty()) {
+      if (!stats_.converged) return false;
+      NodePtr n = wl.pop();
+      if (!ir_.contains(*n)) continue;
+      try_rows(table, n, limited);
+    }
+    return stats_.converged;
+  }
+
+  // Pops anchors until one limited row fires. True if one did.
+  bool step_one(const TableIndex& table, Worklist& wl) {
+    while (!wl.empty() && stats_.converged) {
+      NodePtr n = wl.pop();
+      if (!ir_.contains(*n)) continue;
+      if (try_rows(table, n, true)) return true;
+    }
+    return false;
+  }
+
+  bool try_rows(const TableIndex& table, const NodePtr& n, bool limited) {
+    const auto& index = limited ? table.limited : table.regular;
+    auto it = index.find(n->op_type);
+    if (it == index.end()) return false;
+    for (size_t r : it->second) {
+      const Row& row = (*table.rows)[r];
+      if (!ir_.contains(*n) || n->op_type != (row.n_pre_nodes.empty() ? row.ops.front() : row.ops.back()))
+        return false;
+      if (is_paused(ir_, row.key, *n)) continue;
+      if (limited) {
+        auto d = depth_.find(n->uid());
+        if (d != depth_.end() && d->second >= kLimitDepth) continue;
+        int& fired = limit_fires_[{r + (&table == &fuse_ ? 1000 : 0), n->uid()}];
+        if (fired >= kLimitFiresPerAnchor) continue;
+        RuleResult res = Matcher(ir_, row, qt_, stats_).run(n);
+        if (!res.applied()) continue;
+        ++fired;
+        commit(row, res);
+        return true;
+      }
+      RuleResult res = Matcher(ir_, row, qt_, stats_).run(n);
+      if (!res.applied()) continue;
+      commit(row, res);
+      return true;
+    }
+    return false;
+  }
+
+  void commit(const Row& row, const RuleResult& res) {
+    int depth = 0;
+    for (const auto& n : res.remove) {
+      auto d = depth_.find(n->uid());
+      if (d != depth_.end()) depth = std::max(depth, d->second);
+    }
+    if (row.has_limit) ++depth;
+    if (depth > 0)
+      for (const auto& n : res.add) depth_[n->uid()] = depth;
+    apply_result(ir_, res);
+    ++stats_.fired[row.key];
+    ++stats_.rewrites;
+    remove_released();
+    for (const auto& t : ir_.take_touched())
+      if (ir_.contains(*t)) push_all(t);
+    if (stats_.rewrites >= budget_) {
+      stats_.converged = false;
+      tolmLog::w("reduce stopped after " + std::to_string(stats_.rewrites) +
+                 " rewrites without reaching a fixed point");
+    }
+  }
+
+  // Producers whose outputs lost their last reader go, and so on upwards.
+  void remove_released() {
+    std::vector<std::string> released = ir_.take_released();
+    while (!released.empty()) {
+      for (const auto& t : released) {
+        NodePtr p = ir_.producer(t);
+        if (!p || !ir_.contains(*p)) continue;
+        bool used = false;
+        for (const auto& o : p->output)
+          if (!o.empty() && (ir_.use_count(o) > 0 || ir_.is_output(o))) used = true;
+        if (used) continue;
+        ir_.remove_node(*p);
+        ++stats_.pruned_nodes;
+      }
+      released = ir_.take_released();
+    }
+  }
+
+  struct PairHash {
+    size_t operator()(const std::pair<size_t, uint64_t>& p) const {
+      return std::hash<uint64_t>()(p.second * 1315423911u + p.first);
+    }
+  };
+
+  IR& ir_;
+  QuantTable* qt_;
+  TableIndex cvt_, fuse_;
+  Worklist cvt_regular_, fuse_regular_, cvt_limited_, fuse_limited_;
+  std::unordered_map<std::pair<size_t, uint64_t>, int, PairHash> limit_fires_;
+  std::unordered_map<uint64_t, int> depth_;  // node uid -> limit rewrites behind it
+  DriverStats stats_;
+  int64_t budget_;
+};
+
+}  // namespace
+
+void apply_result(IR& ir, const RuleResult& result) {
+  bool any_removed = false;
+  int64_t base = 0;
+  for (const auto& n : result.remove) {
+    if (!n || !ir.contains(*n)) continue;
+    base = any_removed ? std::min(base, n->order()) : n->order();
+    any_removed = true;
+    ir.remove_node(*n);
+  }
+  if (result.add.empty()) return;
+  if (!any_removed) {
+    // Nothing replaced: place the new nodes after the producers they read.
+    for (const auto& n : result.add)
+      for (const auto& t : n->input)
+        if (auto p = ir.producer(t)) base = std::max(base, p->order());
+  }
+  for (const auto& n : result.add)
+    if (n && !ir.contains(*n)) ir.add_node(n, base);
+  // Shapes for the new tensors: the added nodes may come in any order, so go
+  // round until nothing more can be inferred.
+  std::vector<Node*> pending;
+  for (const auto& n : result.add)
+    if (n) pending.push_back(n.get());
+  for (size_t round = 0; round < pending.size() + 1 && !pending.empty(); ++round) {
+    std::vector<Node*> still;
+    for (Node* n : pending) {
+      bool missing = false;
+      for (const auto& o : n->output)
+        if (!o.empty() && !ir.has_shape(o)) missing = true;
+      if (!missing) continue;
+      infer_node(ir, *n, false);
+      for (const auto& o : n->output)
+        if (!o.empty() && !ir.has_shape(o)) {
+          still.push_back(n);
+          break;
+        }
+    }
+    if (still.size() == pending.size()) break;
+    pending.swap(still);
+  }
+}
+
+int64_t prune_dead(IR& ir) {
+  int64_t removed = 0;
+  const NodeList order = ir.node();
+  for (auto it = order.rbegin(); it != order.rend(); ++it) {
+    Node& n = **it;
+    bool used = false;
+    for (const auto& o : n.output)
+      if (!o.empty() && (ir.use_count(o) > 0 || ir.is_output(o))) used = true;
+    if (used) continue;
+    ir.remove_node(n);
+    ++removed;
+  }
+  std::vector<std::string> unused;
+  for (const auto& kv : ir.consts())
+    if (ir.use_count(kv.first) == 0 && !ir.is_output(kv.first) && !ir.is_input(kv.first))
+      unused.push_back(kv.first);
+  for (const auto& t : unused) ir.erase_const(t);
+  return removed;
+}
+
+DriverStats run_tables(IR& ir, const std::vector<Row>& first, const std::vector<Row>& second,
+                       QuantTable* quant_tab, const DriverOptions& options) {
+  DriverStats stats = Driver(ir, first, second, quant_tab, options).run();
+  if (options.prune) stats.pruned_nodes += prune_dead(ir);
+  return stats;
+}
+
+DriverStats run_reduce(IR& ir, QuantTable* quant_tab, const DriverOptions& options) {
+  return run_tables(ir, cvt_reduce(), fuse_reduce(), quant_tab, options);
+}
+
+RuleResult try_row(IR& ir, const Row& row, const NodePtr& anchor, QuantTable* quant_tab) {
+  DriverStats scratch;
+  if (!row.proc || !ir.contains(*anchor)) return {};
+  return Matcher(ir, row, quant_tab, scratch).run(anchor);
+}
+
+}  // namespace tolm

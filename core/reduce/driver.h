@@ -1,0 +1,51 @@
+// The driver: applies the rule tables to a graph until nothing applies.
+// It works from a worklist of nodes whose neighbourhood changed; the cost of a
+// rewrite follows the nodes it touches, never the size of the graph.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "reduce/rule.h"
+#include "reduce/tables.h"
+
+namespace tolm {
+
+struct DriverOptions {
+  // Upper bound on rewrites; 0 picks one from the graph size.
+  int64_t max_rewrites = 0;
+  // Remove dead branches and unused constants at the end.
+  bool prune = true;
+};
+
+struct DriverStats {
+  std::map<std::string, int64_t> fired;  // row key -> times applied
+  int64_t rewrites = 0;
+  int64_t attempts = 0;  // procedure calls
+  int64_t pruned_nodes = 0;
+  bool converged = true;  // false if the rewrite budget ran out
+};
+
+// Runs cvt_reduce then fuse_reduce, repeated until neither applies.
+DriverStats run_reduce(IR& ir, QuantTable* quant_tab, const DriverOptions& options = {});
+
+// The same over any pair of tables (the first is tried before the second).
+DriverStats run_tables(IR& ir, const std::vector<Row>& first, const std::vector<Row>& second,
+                       QuantTable* quant_tab, const DriverOptions& options = {});
+
+// Offers the row's matches anchored at `anchor` (the first node of a chain,
+// the last of an `n_pre_nodes` pattern) to its procedure until one applies;
+// returns that result without applying it.
+RuleResult try_row(IR& ir, const Row& row, const NodePtr& anchor, QuantTable* quant_tab);
+
+// Applies one rule result as the driver does: takes out `remove` (by node
+// identity), puts in `add` at a valid place in the order, and gives new
+// tensors their shapes and element types.
+void apply_result(IR& ir, const RuleResult& result);
+
+// Removes nodes none of whose outputs is used or is a graph output, and
+// constants no node reads; graph inputs and outputs are never touched.
+int64_t prune_dead(IR& ir);
+
+}  // namespace tolm

@@ -1,0 +1,122 @@
+"""tolm-reduce: graph-reduction rules for ONNX models on their way to an NPU.
+
+``reduce(model)`` loads a model into the IR graph, runs the rule tables until
+nothing applies, and returns the reduced ONNX model with a report.
+"""
+
+from __future__ import annotations
+
+import time
+from typing import Dict, Mapping, Optional, Sequence, Tuple
+
+import onnx
+
+__version__ = "0.1.0"
+
+
+def _op_counts(model: onnx.ModelProto) -> Dict[str, int]:
+    counts: Dict[str, int] = {}
+    for n in model.graph.node:
+        counts[n.op_type] = counts.get(n.op_type, 0) + 1
+    return dict(sorted(counts.items()))
+
+
+def reduce(
+    model,
+    target: str = "npu_c",
+    quant_tab: Optional[dict] = None,
+    input_shapes: Optional[Mapping[str, Sequence[int]]] = None,
+    check: int = 0,
+) -> Tuple[onnx.ModelProto, dict]:
+    """Reduces a model (ModelProto, serialized bytes or path).
+
+    ``quant_tab`` (tensor name -> {"min", "max", "name"}) is updated in place
+    by the rules that move quantisation records. With ``check`` > 0 the reduced
+    model is compared with the original in onnxruntime on that many random
+    input sets. Returns ``(reduced_model, report)``."""
+    from tolm.api.ir_graph import IRGraph, check_target, normalize_input_shapes, read_model_bytes
+    from tolm.api.rules import reduce as rules
+
+    check_target(target)
+    shapes = normalize_input_shapes(input_shapes)
+    t0 = time.perf_counter()
+    original_bytes = read_model_bytes(model)
+    ir = IRGraph(original_bytes, input_shapes=shapes, target=target)
+    t1 = time.perf_counter()
+    ops_before = ir.op_counts()
+    rules.clear_log_history()
+    stats = rules.run_reduce(ir, quant_tab)
+    t2 = time.perf_counter()
+    reduced = ir.to_onnx()
+    t3 = time.perf_counter()
+
+    report = {
+        "target": target,
+        "nodes_before": sum(ops_before.values()),
+        "nodes_after": len(reduced.graph.node),
+        "ops_before": ops_before,
+        "ops_after": _op_counts(reduced),
+        "fired": {k: v for k, v in sorted(stats["fired"].items()) if v},
+        "rewrites": stats["rewrites"],
+        "attempts": stats["attempts"],
+        "pruned_nodes": stats["pruned_nodes"],
+        "converged": stats["converged"],
+        "unavailable_rules": list(rules.unavailable_rules()),
+        "log": list(rules.log_history()),
+        "times": {"load": t1 - t0, "reduce": t2 - t1, "save": t3 - t2},
+        "check": None,
+    }
+    if check > 0:
+        from tolm.check import check_models
+
+        t4 = time.perf_counter()
+        original = onnx.load_from_string(original_bytes)
+        report["check"] = check_models(original, reduced, runs=check, input_shapes=shapes)
+        report["times"]["check"] = time.perf_counter() - t4
+    return reduced, report
+
+
+def format_report(report: dict) -> str:
+    """The report as a readable table."""
+    from tolm.check import describe
+
+    lines = []
+    before, after = report["ops_before"], report["ops_after"]
+    ops = sorted(set(before) | set(after))
+    width = max([len("op type"), len("total")] + [len(o) for o in ops])
+    lines.append(f"target {report['target']}: {report['nodes_before']} -> {report['nodes_after']} nodes")
+    lines.append("")
+    lines.append(f"{'op type':<{width}}  {'before':>7}  {'after':>7}  {'change':>7}")
+    lines.append(f"{'-' * width}  {'-' * 7}  {'-' * 7}  {'-' * 7}")
+    for op in ops:
+        b, a = before.get(op, 0), after.get(op, 0)
+        lines.append(f"{op:<{width}}  {b:>7}  {a:>7}  {a - b:>+7}")
+    lines.append(f"{'-' * width}  {'-' * 7}  {'-' * 7}  {'-' * 7}")
+    nb, na = report["nodes_before"], report["nodes_after"]
+    lines.append(f"{'total':<{width}}  {nb:>7}  {na:>7}  {na - nb:>+7}")
+    lines.append("")
+    fired = report["fired"]
+    if fired:
+        kw = max(len("rule"), max(len(k) for k in fired))
+        lines.append(f"{'rule':<{kw}}  {'fired':>7}")
+        lines.append(f"{'-' * kw}  {'-' * 7}")
+        for key, n in sorted(fired.items(), key=lambda kv: (-kv[1], kv[0])):
+            lines.append(f"{key:<{kw}}  {n:>7}")
+    else:
+        lines.append("no rule fired")
+    lines.append("")
+    lines.append(
+        f"rewrites {report['rewrites']}, rule calls {report['attempts']}, "
+        f"pruned nodes {report['pruned_nodes']}" + ("" if report["converged"] else ", stopped at the rewrite limit")
+    )
+    t = report["times"]
+    lines.append(
+        "time: load {:.3f}s, reduce {:.3f}s, save {:.3f}s".format(t["load"], t["reduce"], t["save"])
+        + (", check {:.3f}s".format(t["check"]) if "check" in t else "")
+    )
+    if report.get("check") is not None:
+        lines.append("check: " + describe(report["check"]))
+    return "\n".join(lines)
+
+
+__all__ = ["reduce", "format_report", "__version__"]

@@ -1,0 +1,5 @@
+import sys
+
+from tolm.cli import main
+
+sys.exit(main())

@@ -1,0 +1,1 @@
+"""The compiler-side interfaces that the reduction rules work against."""

@@ -1,0 +1,216 @@
+"""The IR graph that rules work on.
+
+``IRGraph`` takes an ``onnx.ModelProto``, serialized model bytes or a path.
+Before the graph is built, a model that lacks shapes for some node outputs goes
+through ONNX shape inference (with data propagation, so that shape-computing
+subgraphs give concrete shapes); whatever is still unknown is inferred by the
+native loader.
+"""
+
+from __future__ import annotations
+
+import os
+from typing import Dict, Iterable, List, Mapping, Optional, Sequence, Union
+
+import onnx
+
+from tolm.api.rules import reduce as _reduce
+
+LoadError = _reduce.LoadError
+Node = _reduce.Node
+to_np_type = _reduce.to_np_type
+
+ELEMENTWISE_ALU_OPS = list(_reduce.ELEMENTWISE_ALU_OPS)
+ACTIVATION_OPS = list(_reduce.ACTIVATION_OPS)
+REDUCE_OPS = list(_reduce.REDUCE_OPS)
+
+TARGETS = tuple("npu_" + c for c in "abcdefgh")
+
+ModelLike = Union[onnx.ModelProto, bytes, bytearray, memoryview, str, "os.PathLike[str]"]
+
+
+def check_target(target: str) -> str:
+    if target not in TARGETS:
+        raise ValueError(f"unknown target '{target}' (expected one of npu_a .. npu_h)")
+    return target
+
+
+def normalize_input_shapes(input_shapes: Optional[Mapping[str, Sequence[int]]]) -> Dict[str, List[int]]:
+    """Checks a name -> dims mapping: integer dims, none negative."""
+    if not input_shapes:
+        return {}
+    out: Dict[str, List[int]] = {}
+    for name, dims in input_shapes.items():
+        if isinstance(dims, (str, bytes)):
+            raise ValueError(f"input shape of '{name}' must be a list of integers")
+        shape = []
+        for d in dims:
+            if isinstance(d, bool) or not hasattr(d, "__index__"):
+                raise ValueError(f"input shape of '{name}' must be a list of integers, got {list(dims)!r}")
+            d = int(d)
+            if d < 0:
+                raise ValueError(f"input shape of '{name}' has a negative dimension: {list(dims)!r}")
+            shape.append(d)
+        out[str(name)] = shape
+    return out
+
+
+def read_model_bytes(model: ModelLike) -> bytes:
+    """Serialized model bytes from a ModelProto, bytes or a path."""
+    if isinstance(model, onnx.ModelProto):
+        return model.SerializeToString()
+    if isinstance(model, (bytes, bytearray, memoryview)):
+        return bytes(model)
+    if isinstance(model, (str, os.PathLike)):
+        with open(os.fspath(model), "rb") as f:
+            return f.read()
+    raise TypeError(f"expected an onnx.ModelProto, serialized bytes or a path, got {type(model).__name__}")
+
+
+def _has_shape(vi: onnx.ValueInfoProto) -> bool:
+    t = vi.type
+    return t.HasField("tensor_type") and t.tensor_type.HasField("shape")
+
+
+def _missing_shapes(graph: onnx.GraphProto) -> bool:
+    known = {vi.name for vi in graph.value_info if _has_shape(vi)}
+    known.update(vi.name for vi in graph.output if _has_shape(vi))
+    known.update(init.name for init in graph.initializer)
+    return any(out and out not in known for node in graph.node for out in node.output)
+
+
+def _fix_input_dims(model: onnx.ModelProto, shapes: Dict[str, List[int]]) -> None:
+    for vi in model.graph.input:
+        if vi.name not in shapes or not vi.type.HasField("tensor_type"):
+            continue
+        dims = vi.type.tensor_type.shape.dim
+        del dims[:]
+        for d in shapes[vi.name]:
+            dims.add().dim_value = d
+
+
+def prepare_model_bytes(model: ModelLike, input_shapes: Optional[Dict[str, List[int]]] = None) -> bytes:
+    """Model bytes ready for the native loader, with ONNX's shapes filled in
+    where the model lacks them. Bytes that are no valid model pass unchanged:
+    the loader reports what is wrong with them."""
+    data = read_model_bytes(model)
+    proto = model if isinstance(model, onnx.ModelProto) else None
+    if proto is None:
+        try:
+            proto = onnx.load_from_string(data)
+        except Exception:
+            return data
+    if input_shapes:
+        graph_inputs = {vi.name for vi in proto.graph.input}
+        for name in input_shapes:
+            if name not in graph_inputs:
+                raise ValueError(f"model has no graph input '{name}'")
+    if not (input_shapes or _missing_shapes(proto.graph)):
+        return data
+    work = onnx.ModelProto()
+    work.CopyFrom(proto)
+    if input_shapes:
+        _fix_input_dims(work, input_shapes)
+    try:
+        work = onnx.shape_inference.infer_shapes(work, data_prop=True)
+    except Exception:
+        # ONNX's inference gives up on some models (unknown domains, partial
+        # shapes); the native loader infers what it can on its own.
+        pass
+    return work.SerializeToString()
+
+
+class _OpsetEntry:
+    """One opset_import entry; the default domain's version is the graph's."""
+
+    def __init__(self, ir: "IRGraph", domain: str, version: int):
+        self._ir = ir
+        self.domain = domain
+        self._version = version
+
+    @property
+    def version(self) -> int:
+        return self._ir.opset if self.domain in ("", "ai.onnx") else self._version
+
+    @version.setter
+    def version(self, v: int) -> None:
+        if self.domain in ("", "ai.onnx"):
+            self._ir.opset = int(v)
+        self._version = int(v)
+
+    def __repr__(self) -> str:
+        return f"opset_import(domain={self.domain!r}, version={self.version})"
+
+
+class _ModelView:
+    """What rules read of the model around the graph: its opsets and graph."""
+
+    def __init__(self, ir: "IRGraph"):
+        self._ir = ir
+        shell = onnx.ModelProto()
+        if ir.model_shell:
+            shell.ParseFromString(ir.model_shell)
+        self.ir_version = shell.ir_version
+        self.producer_name = shell.producer_name
+        entries = [_OpsetEntry(ir, o.domain, o.version) for o in shell.opset_import]
+        entries.sort(key=lambda e: e.domain not in ("", "ai.onnx"))
+        if not entries or entries[0].domain not in ("", "ai.onnx"):
+            entries.insert(0, _OpsetEntry(ir, "", ir.opset))
+        self.opset_import = entries
+
+    @property
+    def graph(self):
+        return self._ir.graph
+
+
+class IRGraph(_reduce.IRGraph):
+    """The graph object rules receive as ``ir``."""
+
+    def __init__(
+        self,
+        model: Optional[ModelLike] = None,
+        input_shapes: Optional[Mapping[str, Sequence[int]]] = None,
+        target: str = "npu_c",
+    ):
+        check_target(target)
+        if model is None:
+            super().__init__()
+            self.npu_target = target
+        else:
+            shapes = normalize_input_shapes(input_shapes)
+            data = prepare_model_bytes(model, shapes)
+            super().__init__(data, shapes or None, target)
+        self._model_view: Optional[_ModelView] = None
+
+    @property
+    def model(self) -> _ModelView:
+        if self._model_view is None:
+            self._model_view = _ModelView(self)
+        return self._model_view
+
+    def to_onnx(self) -> onnx.ModelProto:
+        """The graph as it stands, as an ONNX model."""
+        return onnx.load_from_string(self.to_bytes())
+
+    def op_counts(self) -> Dict[str, int]:
+        counts: Dict[str, int] = {}
+        for n in self.node:
+            counts[n.op_type] = counts.get(n.op_type, 0) + 1
+        return dict(sorted(counts.items()))
+
+    def apply(self, remove: Iterable, add: Iterable) -> None:
+        """Applies one rule result as the driver does; ``add`` may hold
+        ``onnx.NodeProto`` objects from ``onnx.helper.make_node``."""
+        super().apply(list(remove), list(add))
+
+
+__all__ = [
+    "IRGraph",
+    "Node",
+    "LoadError",
+    "to_np_type",
+    "ELEMENTWISE_ALU_OPS",
+    "ACTIVATION_OPS",
+    "REDUCE_OPS",
+    "TARGETS",
+]

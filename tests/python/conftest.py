@@ -1,0 +1,150 @@
+"""Shared helpers: compact model building and onnxruntime comparison."""
+
+from __future__ import annotations
+
+import os
+import subprocess
+import sys
+from pathlib import Path
+from typing import Dict, Iterable, Optional, Sequence
+
+import numpy as np
+import onnx
+import pytest
+from onnx import TensorProto, helper, numpy_helper
+
+ROOT = Path(__file__).resolve().parents[2]
+try:
+    import tolm  # noqa: F401
+except ImportError:  # running from the source tree
+    sys.path.insert(0, str(ROOT / "python"))
+    import tolm  # noqa: F401
+
+PYTHON_DIR = str(Path(tolm.__file__).resolve().parents[1])
+
+_NP_TO_ONNX = {
+    np.dtype(np.float32): TensorProto.FLOAT,
+    np.dtype(np.float16): TensorProto.FLOAT16,
+    np.dtype(np.float64): TensorProto.DOUBLE,
+    np.dtype(np.int64): TensorProto.INT64,
+    np.dtype(np.int32): TensorProto.INT32,
+    np.dtype(np.int8): TensorProto.INT8,
+    np.dtype(np.uint8): TensorProto.UINT8,
+    np.dtype(np.bool_): TensorProto.BOOL,
+}
+
+
+def _vi(name: str, spec) -> onnx.ValueInfoProto:
+    """spec: a shape list (float32), None (unknown), or (elem_type, shape)."""
+    if isinstance(spec, tuple):
+        elem, shape = spec
+    else:
+        elem, shape = TensorProto.FLOAT, spec
+    return helper.make_tensor_value_info(name, elem, shape)
+
+
+def make_model(
+    nodes: Iterable,
+    inputs: Dict[str, object],
+    outputs: Dict[str, object],
+    consts: Optional[Dict[str, object]] = None,
+    opset: int = 13,
+    extra_opsets: Sequence = (),
+) -> onnx.ModelProto:
+    """Builds a model from short node tuples ``(op, inputs, outputs, attrs...)``.
+
+    ``consts`` maps initializer names to arrays; lists of ints become int64.
+    Nodes get names n0, n1, ... unless a ``name`` attribute is given."""
+    made = []
+    for i, n in enumerate(nodes):
+        if isinstance(n, onnx.NodeProto):
+            made.append(n)
+            continue
+        op, ins, outs, *rest = n
+        attrs = dict(rest[0]) if rest else {}
+        name = attrs.pop("name", f"n{i}")
+        domain = attrs.pop("domain", "")
+        made.append(helper.make_node(op, list(ins), list(outs), name=name, domain=domain, **attrs))
+    inits = []
+    for name, value in (consts or {}).items():
+        arr = np.asarray(value)
+        if arr.dtype == np.int32 and isinstance(value, list):
+            arr = arr.astype(np.int64)
+        inits.append(numpy_helper.from_array(arr, name))
+    graph = helper.make_graph(
+        made, "test", [_vi(k, v) for k, v in inputs.items()], [_vi(k, v) for k, v in outputs.items()], initializer=inits
+    )
+    opsets = [helper.make_opsetid("", opset)] + [helper.make_opsetid(d, v) for d, v in extra_opsets]
+    model = helper.make_model(graph, opset_imports=opsets)
+    model.ir_version = 8
+    return model
+
+
+def random_feeds(model: onnx.ModelProto, seed: int = 0) -> Dict[str, np.ndarray]:
+    rng = np.random.default_rng(seed)
+    feeds = {}
+    inits = {i.name for i in model.graph.initializer}
+    for vi in model.graph.input:
+        if vi.name in inits:
+            continue
+        tt = vi.type.tensor_type
+        shape = [d.dim_value if d.dim_value > 0 else 1 for d in tt.shape.dim]
+        dtype = helper.tensor_dtype_to_np_dtype(tt.elem_type)
+        if np.issubdtype(dtype, np.floating):
+            feeds[vi.name] = rng.standard_normal(shape).astype(dtype)
+        elif dtype == np.bool_:
+            feeds[vi.name] = rng.random(shape) < 0.5
+        else:
+            feeds[vi.name] = rng.integers(0, 3, size=shape).astype(dtype)
+    return feeds
+
+
+def run_ort(model: onnx.ModelProto, feeds: Dict[str, np.ndarray]) -> Dict[str, np.ndarray]:
+    import onnxruntime as ort
+
+    opts = ort.SessionOptions()
+    opts.log_severity_level = 3
+    opts.graph_optimization_level = ort.GraphOptimizationLevel.ORT_DISABLE_ALL
+    sess = ort.InferenceSession(model.SerializeToString(), sess_options=opts, providers=["CPUExecutionProvider"])
+    names = [o.name for o in sess.get_outputs()]
+    return dict(zip(names, sess.run(names, feeds)))
+
+
+def assert_same_outputs(original: onnx.ModelProto, reduced: onnx.ModelProto, seeds=(0, 1)) -> None:
+    """Same graph output names and values (rtol 1e-4, atol 1e-5) on random inputs."""
+    assert [o.name for o in reduced.graph.output] == [o.name for o in original.graph.output]
+    for seed in seeds:
+        feeds = random_feeds(original, seed)
+        want, got = run_ort(original, feeds), run_ort(reduced, feeds)
+        assert want.keys() == got.keys()
+        for name in want:
+            assert got[name].shape == want[name].shape, name
+            np.testing.assert_allclose(got[name], want[name], rtol=1e-4, atol=1e-5, err_msg=name)
+
+
+def run_cli(*args: str, cwd=None) -> subprocess.CompletedProcess:
+    env = dict(os.environ)
+    env["PYTHONPATH"] = PYTHON_DIR + os.pathsep + env.get("PYTHONPATH", "")
+    return subprocess.run(
+        [sys.executable, "-m", "tolm.cli", *args], capture_output=True, text=True, env=env, cwd=cwd, timeout=300
+    )
+
+
+def proc_or_skip(name: str):
+    from tolm.api.rules import reduce
+
+    if not hasattr(reduce, name):
+        pytest.skip(f"{name} is not in this build")
+    return getattr(reduce, name)
+
+
+@pytest.fixture
+def tmp_model(tmp_path):
+    """Saves a model under tmp_path and returns the path as str."""
+
+    def save(model: onnx.ModelProto, name: str = "m.onnx") -> str:
+        path = tmp_path / name
+        path.write_bytes(model.SerializeToString())
+        return str(path)
+
+    return save

@@ -1,0 +1,281 @@
+"""IRGraph as rules see it: queries, in-place rewiring, applying results."""
+
+import numpy as np
+import onnx
+import pytest
+from onnx import TensorProto, helper
+
+from conftest import assert_same_outputs, make_model
+from tolm.api.ir_graph import IRGraph, LoadError, Node, to_np_type
+
+
+def small_model():
+    # x -> Transpose -> Reshape -> Relu -> y ; x -> Add(c) -> Split -> (s0, s1)
+    return make_model(
+        [
+            ("Transpose", ["x"], ["t"], {"perm": [0, 2, 1], "name": "tp"}),
+            ("Reshape", ["t", "shape"], ["r"], {"name": "rs"}),
+            ("Relu", ["r"], ["y"], {"name": "relu"}),
+            ("Add", ["x", "c"], ["a"], {"name": "add"}),
+            ("Split", ["a", "split"], ["s0", "s1"], {"axis": 2, "name": "split"}),
+            ("Neg", ["s1"], ["n1"], {"name": "neg1"}),
+            ("Neg", ["s0"], ["n0"], {"name": "neg0"}),
+            ("ReduceSum", ["y"], ["total"], {"keepdims": 0, "name": "sum"}),
+        ],
+        inputs={"x": [1, 4, 6]},
+        outputs={"y": None, "n0": None, "n1": None, "total": None},
+        consts={"shape": [1, 24], "c": np.ones((1, 4, 6), np.float32), "split": [2, 4]},
+    )
+
+
+@pytest.fixture
+def ir():
+    return IRGraph(small_model())
+
+
+class TestQueries:
+    def test_shapes(self, ir):
+        assert ir.get_shape("t") == [1, 6, 4]
+        assert ir.get_shape("s1") == [1, 4, 4]
+        assert ir.get_shape("total") == []  # a scalar holds an empty shape
+        assert ir.get_shape("no_such_tensor") is None
+        shape = ir.get_shape("t")
+        shape[0] = 99  # a fresh list: the graph is not changed through it
+        assert ir.get_shape("t") == [1, 6, 4]
+
+    def test_set_shape_checks_size(self, ir):
+        with pytest.raises(ValueError):
+            ir.set_shape("t", [1, 5, 4])
+        ir.set_shape("t", [1, 5, 4], check_size=False)
+        assert ir.get_shape("t") == [1, 5, 4]
+        ir.set_shape("fresh", [2, 3], dtype=np.int64)
+        assert ir.get_shape("fresh") == [2, 3]
+        assert ir.get_dtype("fresh") == np.int64
+        ir.operands["t"].shape = [24]
+        assert ir.get_shape("t") == [24]
+
+    def test_dtypes(self, ir):
+        assert ir.get_dtype("x") == to_np_type(TensorProto.FLOAT) == np.float32
+        assert ir.get_dtype("shape") == to_np_type(TensorProto.INT64)
+        assert to_np_type(TensorProto.FLOAT16) == np.float16
+        assert to_np_type(TensorProto.BOOL) == np.bool_
+
+    def test_attributes(self, ir):
+        tp = ir.find_node("tp")
+        assert ir.get_attr(tp, "perm") == [0, 2, 1]
+        assert ir.get_attr(tp, "missing") is None
+        assert [a.name for a in tp.attribute] == ["perm"]
+        ir.set_attr(tp, "i", 3)
+        ir.set_attr(tp, "f", 0.5)
+        ir.set_attr(tp, "s", "int8")
+        ir.set_attr(tp, "fl", [1.0, 2.5])
+        ir.set_attr(tp, "ss", ["a", "b"])
+        ir.set_attr(tp, "t", np.arange(6, dtype=np.float16).reshape(2, 3))
+        assert ir.get_attr(tp, "i") == 3 and isinstance(ir.get_attr(tp, "i"), int)
+        assert ir.get_attr(tp, "f") == 0.5
+        assert ir.get_attr(tp, "s") == "int8"
+        assert ir.get_attr(tp, "fl") == [1.0, 2.5]
+        assert ir.get_attr(tp, "ss") == ["a", "b"]
+        t = ir.get_attr(tp, "t")
+        assert t.dtype == np.float16 and t.shape == (2, 3)
+        ir.set_attr(tp, "perm", [2, 1, 0])
+        assert ir.get_attr(tp, "perm") == [2, 1, 0]
+
+    def test_same_attr(self, ir):
+        neg0, neg1, tp = ir.find_node("neg0"), ir.find_node("neg1"), ir.find_node("tp")
+        assert ir.same_attr(neg0, neg1)
+        assert not ir.same_attr(neg0, tp)
+
+    @pytest.mark.parametrize(
+        "value",
+        [
+            np.arange(6, dtype=np.float16).reshape(2, 3),
+            np.array([True, False, True]),
+            np.array([-3, 4], np.int8),
+            np.array([2**63 + 5], np.uint64),
+            np.array(1.25, np.float64),
+            np.array(["a", "bc"], dtype=object),
+        ],
+    )
+    def test_const_roundtrip_keeps_type_and_values(self, ir, value):
+        ir.set_const("k", value)
+        got = ir.get_const("k")
+        assert got.dtype == value.dtype and got.shape == value.shape
+        assert (got == value).all()
+        assert "k" in ir.consts and ir.consts["k"].shape == value.shape
+
+    def test_consts_view_and_optional(self, ir):
+        assert "shape" in ir.consts and "x" not in ir.consts
+        assert set(ir.consts) == {"shape", "c", "split"} and len(ir.consts) == 3
+        assert ir.get_const("x") is None
+        rs = ir.find_node("rs")
+        assert ir.get_const_optional(rs, 1).tolist() == [1, 24]
+        assert ir.get_const_optional(rs, -1).tolist() == [1, 24]
+        assert ir.get_const_optional(rs, 0) is None
+        assert ir.get_const_optional(rs, 5) is None  # input not there
+
+    def test_neighbours(self, ir):
+        names = lambda nodes: [n.name for n in nodes]  # noqa: E731
+        assert names(ir.next_nodes("x")) == ["tp", "add"]
+        assert names(ir.next_nodes(ir.find_node("split"))) == ["neg0", "neg1"]  # output order
+        assert names(ir.pre_nodes(ir.find_node("relu"))) == ["rs"]
+        assert names(ir.pre_nodes("r")) == ["rs"]
+        assert ir.pre_nodes("x") == [] and ir.pre_nodes(ir.find_node("tp")) == []
+        assert ir.next_nodes("n0") == []
+
+    def test_graph_io_and_order(self, ir):
+        assert "x" in ir.inputs and "y" in ir.outputs and "t" not in ir.outputs
+        assert list(ir.outputs) == ["y", "n0", "n1", "total"]
+        order = [n.name for n in ir.node]
+        assert order.index("tp") < order.index("rs") < order.index("relu") < order.index("sum")
+        assert order.index("split") < order.index("neg0")
+
+    def test_model_facts_and_rule_state(self, ir):
+        assert ir.model.opset_import[0].version == 13
+        assert ir.npu_target == "npu_c" and ir.qat is False
+        assert ir.dynamic_shapes is None and ir.dynamic_idx is None
+        ir.dynamic_shapes = {"x": [[1, 4, 6], [2, 4, 6]]}
+        assert ir.dynamic_shapes.get("x") == [[1, 4, 6], [2, 4, 6]]
+        assert ir.tmp_reduce_tp_cache == []
+        ir.tmp_reduce_tp_cache = [["a"], ["b"], "0,2,1"]
+        assert ir.tmp_reduce_tp_cache == [["a"], ["b"], "0,2,1"]
+        assert "reduce_tp_in_mesh_forward" not in ir.op_ruler_pause
+        ir.op_ruler_pause["reduce_tp_in_mesh_forward"] = ["tp"]
+        ir.op_ruler_pause["reduce_tp_in_mesh_forward"].append("rs")
+        assert list(ir.op_ruler_pause["reduce_tp_in_mesh_forward"]) == ["tp", "rs"]
+        assert "rs" in ir.op_ruler_pause["reduce_tp_in_mesh_forward"]
+
+    def test_dependency_map(self, ir):
+        deps = ir.node_dependency_map
+        assert "relu" in deps
+        assert "x" in deps["relu"] and "t" in deps["relu"]
+        assert "a" not in deps["relu"] and "y" not in deps["relu"]
+
+    def test_value_info_removal(self, ir):
+        records = list(ir.graph.value_info)
+        assert records and all(isinstance(r.name, str) for r in records)
+        first = records[0]
+        ir.graph.value_info.remove(first)
+        assert first.name not in [r.name for r in ir.graph.value_info]
+        n = len(ir.graph.value_info)
+        del ir.graph.value_info[0]
+        assert len(ir.graph.value_info) == n - 1
+
+    def test_unknown_target_and_bad_bytes(self):
+        with pytest.raises(ValueError):
+            IRGraph(small_model(), target="npu_z")
+        with pytest.raises(LoadError) as err:
+            IRGraph(b"definitely not a model")
+        assert isinstance(err.value, ValueError)
+
+    def test_loads_from_path_bytes_and_proto(self, tmp_model):
+        m = small_model()
+        for src in (m, m.SerializeToString(), tmp_model(m)):
+            assert len(IRGraph(src).node) == len(m.graph.node)
+
+    def test_input_shapes_fix_symbolic_dims(self):
+        m = make_model([("Relu", ["x"], ["y"])], inputs={"x": ["N", 3]}, outputs={"y": None})
+        ir = IRGraph(m, input_shapes={"x": [5, 3]})
+        assert ir.get_shape("x") == [5, 3] and ir.get_shape("y") == [5, 3]
+        with pytest.raises(ValueError):
+            IRGraph(m, input_shapes={"nope": [1]})
+
+    def test_missing_shapes_are_inferred(self):
+        # No value_info at all: every inner shape must come from inference.
+        m = make_model(
+            [("Transpose", ["x"], ["t"], {"perm": [1, 0]}), ("Relu", ["t"], ["y"])],
+            inputs={"x": [2, 3]},
+            outputs={"y": None},
+        )
+        assert not m.graph.value_info
+        assert IRGraph(m).get_shape("t") == [3, 2]
+
+
+class TestRewiring:
+    def test_port_assignment_updates_index(self, ir):
+        relu = ir.find_node("relu")
+        relu.input[0] = "t"  # bypass the Reshape by direct assignment
+        assert relu.input[0] == "t" and relu.input[-1] == "t" and "t" in relu.input
+        assert [n.name for n in ir.next_nodes("t")] == ["rs", "relu"]
+        assert ir.next_nodes("r") == []
+        assert [n.name for n in ir.pre_nodes(relu)] == ["tp"]
+        with pytest.raises(IndexError):
+            relu.input[1] = "x"
+
+    def test_set_output_moves_producer(self, ir):
+        rs, relu = ir.find_node("rs"), ir.find_node("relu")
+        ir.set_input(relu, 0, "x")
+        ir.set_output(rs, 0, "rs_new")
+        assert ir.pre_nodes("rs_new") == [rs]
+        assert ir.pre_nodes("r") == []
+        assert ir.next_nodes("rs_new") == []
+        assert ir.pre_nodes(relu) == []
+
+    def test_node_rename_keeps_lookup(self, ir):
+        rs = ir.find_node("rs")
+        rs.name = "reshape_renamed"
+        assert ir.find_node("reshape_renamed") is rs
+        assert ir.find_node("rs") is None
+        assert ir.next_nodes("t") == [rs]
+
+
+class TestIdentity:
+    def test_same_node_same_object(self, ir):
+        a = ir.find_node("relu")
+        assert ir.next_nodes("r")[0] is a
+        assert [n for n in ir.node if n.name == "relu"][0] is a
+        assert a == ir.pre_nodes("y")[0]
+        assert len({a, ir.next_nodes("r")[0]}) == 1
+
+    def test_equality_is_identity(self, ir):
+        neg0, neg1 = ir.find_node("neg0"), ir.find_node("neg1")
+        clone = neg0.clone()
+        assert neg0 != neg1 and neg0 != clone and clone.name == neg0.name
+        assert neg0 in [neg1, neg0] and clone not in [neg0, neg1]
+
+
+class TestApply:
+    def test_apply_nodeproto_adds(self, ir):
+        m = small_model()
+        relu = ir.find_node("relu")
+        sig = helper.make_node("Sigmoid", ["r"], ["y"], name="sig")
+        ir.apply([relu], [sig])
+        assert ir.find_node("relu") is None
+        new = ir.find_node("sig")
+        assert new.op_type == "Sigmoid" and ir.pre_nodes("y") == [new]
+        assert ir.next_nodes("y")[0].name == "sum"
+        out = ir.to_onnx()
+        onnx.checker.check_model(out, full_check=True)
+        # A Sigmoid in place of the Relu: same graph I/O, y changes accordingly.
+        m.graph.node[2].op_type = "Sigmoid"
+        assert_same_outputs(m, out)
+
+    def test_apply_chain_in_reverse_creation_order(self, ir):
+        # `add` in creation order need not be flow order: the driver must sort.
+        relu = ir.find_node("relu")
+        second = helper.make_node("Relu", ["mid"], ["y"], name="second")
+        first = helper.make_node("Neg", ["r"], ["mid"], name="first")
+        ir.apply([relu], [second, first])
+        order = [n.name for n in ir.node]
+        assert order.index("first") < order.index("second") < order.index("sum")
+        onnx.checker.check_model(ir.to_onnx(), full_check=True)
+
+    def test_apply_survivor_with_same_output_name(self, ir):
+        # Reshape takes over the Relu's output name: removing the Relu must not
+        # take the Reshape with it.
+        rs, relu = ir.find_node("rs"), ir.find_node("relu")
+        rs.output[0] = "y"
+        ir.apply([relu], [])
+        assert ir.find_node("rs") is rs and ir.pre_nodes("y") == [rs]
+        assert [n.name for n in ir.next_nodes("y")] == ["sum"]
+
+    def test_node_objects_and_attributes_from_python(self, ir):
+        node = Node("Transpose", ["t"], ["t2"], name="tp2", perm=[0, 2, 1])
+        assert ir.get_attr(node, "perm") == [0, 2, 1]
+        rs = ir.find_node("rs")
+        rs.input[0] = "t2"
+        ir.apply([], [node])
+        assert ir.next_nodes("t2") == [rs]
+        out = ir.to_onnx()
+        onnx.checker.check_model(out, full_check=True)
+        assert [o.name for o in out.graph.output] == ["y", "n0", "n1", "total"]
