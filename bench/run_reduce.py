@@ -5,7 +5,7 @@
 Prints, per size, the time to load (bytes to indexed graph), reduce (the tables
 to a fixed point, with dead-branch pruning) and save (graph to bytes), the ratio
 reduce / (load + save), and the reduce time per node relative to the smallest
-size."""
+size. Sizes up to 100k nodes report the best of five runs."""
 import argparse
 import os
 import sys
@@ -18,7 +18,7 @@ from tolm.api.ir_graph import IRGraph  # noqa: E402
 from tolm.api.rules import reduce  # noqa: E402
 
 
-def measure(data: bytes):
+def measure_once(data: bytes):
     t0 = time.perf_counter()
     ir = IRGraph(data)
     t1 = time.perf_counter()
@@ -27,6 +27,16 @@ def measure(data: bytes):
     out = ir.to_bytes()
     t3 = time.perf_counter()
     return ir, stats, out, (t1 - t0, t2 - t1, t3 - t2)
+
+
+def measure(data: bytes, repeats: int):
+    """Best of `repeats` runs for each phase: the machine is shared and the
+    small sizes finish in milliseconds."""
+    best = None
+    for _ in range(repeats):
+        ir, stats, out, times = measure_once(data)
+        best = times if best is None else tuple(min(a, b) for a, b in zip(best, times))
+    return ir, stats, out, best
 
 
 def main():
@@ -46,7 +56,8 @@ def main():
                 f.write(model.SerializeToString())
         with open(path, "rb") as f:
             data = f.read()
-        ir, stats, out, (load, red, save) = measure(data)
+        repeats = 5 if n <= 100000 else 1
+        ir, stats, out, (load, red, save) = measure(data, repeats)
         nodes_in = n // 11 * 11
         rows.append((nodes_in, ir.node_count(), load, red, save, stats))
         if args.check:

@@ -185,14 +185,14 @@ RuleResult _p_fuse_two_transpose(IR& ir, const NodeList& nodes, QuantTable* /*qu
     Perm mr_perm(perm1.size());
     for (size_t i = 0; i < perm1.size(); ++i) mr_perm[i] = (*perm0)[perm1[i]];
 
-    OpSpec spec;
-    spec.outputs = n->output.names();
-    spec.name = n->name;
+    OpSpec opts;
+    opts.outputs = n->output.names();
+    opts.name = n->name;
     if (mr_perm == iota_perm(mr_perm.size())) {
       const std::string n_out = n->output[0];
       if (ir.is_output(n_out)) {
         // The graph output keeps its name through an Identity.
-        g.op("Identity", {root_in}, spec);
+        g.op("Identity", {root_in}, opts);
       } else {
         for (const NodePtr& nn : ir.next_nodes(*n)) {
           for (size_t i = 0; i < nn->input.size(); ++i)
@@ -200,8 +200,8 @@ RuleResult _p_fuse_two_transpose(IR& ir, const NodeList& nodes, QuantTable* /*qu
         }
       }
     } else {
-      spec.attrs = {Attr::make_ints("perm", mr_perm)};
-      g.op("Transpose", {root_in}, spec);
+      opts.attrs = {Attr::make_ints("perm", mr_perm)};
+      g.op("Transpose", {root_in}, opts);
     }
     rm_nodes.push_back(n);
   }

@@ -242,10 +242,10 @@ RuleResult _p_remove_invalid_node(IR& ir, const NodeList& nodes, QuantTable* qua
     if (!is_identity) return no_match();
     if (i_shape != o_shape) {
       // Same elements in the same order, another shape: a Reshape does it.
-      OpSpec spec;
-      spec.outputs = {output0};
-      spec.name = node->name + "_2rs";
-      g.op("Reshape", {node->input[0], std::vector<int64_t>(o_shape)}, spec);
+      OpSpec opts;
+      opts.outputs = {output0};
+      opts.name = node->name + "_2rs";
+      g.op("Reshape", {node->input[0], std::vector<int64_t>(o_shape)}, opts);
       return {{node}, g.nodes};
     }
   } else if (op == "Transpose") {

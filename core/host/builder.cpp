@@ -16,8 +16,8 @@ std::string Graph::fresh(const std::string& base) {
 }
 
 std::string Graph::op(const std::string& op_type, const std::vector<OpInput>& inputs,
-                      const OpSpec& spec) {
-  const std::string node_name = spec.name.empty() ? fresh(op_type) : spec.name;
+                      const OpSpec& opts) {
+  const std::string node_name = opts.name.empty() ? fresh(op_type) : opts.name;
   std::vector<std::string> in_names;
   in_names.reserve(inputs.size());
   std::string absent_name;
@@ -39,13 +39,13 @@ std::string Graph::op(const std::string& op_type, const std::vector<OpInput>& in
       in_names.push_back(t);
     }
   }
-  std::vector<std::string> outs = spec.outputs;
+  std::vector<std::string> outs = opts.outputs;
   if (outs.empty()) {
-    for (int k = 0; k < spec.num_outputs; ++k)
-      outs.push_back(fresh(node_name + (spec.num_outputs == 1 ? std::string("_out")
+    for (int k = 0; k < opts.num_outputs; ++k)
+      outs.push_back(fresh(node_name + (opts.num_outputs == 1 ? std::string("_out")
                                                               : "_out" + std::to_string(k))));
   }
-  NodePtr n = Node::make(op_type, in_names, outs, node_name, spec.attrs);
+  NodePtr n = Node::make(op_type, in_names, outs, node_name, opts.attrs);
   nodes.push_back(n);
   // Give the outputs their shapes now, so the rule itself can ask for them.
   infer_node(ir_, *n, false);

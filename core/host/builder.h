@@ -31,7 +31,7 @@ class Graph {
   // Returns the first output's name or, if an input was Absent, that input's
   // name (so a chain can be built from its end).
   std::string op(const std::string& op_type, const std::vector<OpInput>& inputs,
-                 const OpSpec& spec = {});
+                 const OpSpec& opts = {});
 
   NodeList nodes;
   std::vector<std::string> names_assign;

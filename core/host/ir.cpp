@@ -98,7 +98,11 @@ IR::~IR() {
     if (n) n->owner_ = nullptr;
 }
 
-TensorInfo& IR::info(const std::string& t) { return tensors_[t]; }
+TensorInfo& IR::info(const std::string& t) {
+  auto it = tensors_.try_emplace(t).first;
+  it->second.name = &it->first;
+  return it->second;
+}
 
 const TensorInfo* IR::tensor(const std::string& t) const {
   auto it = tensors_.find(t);
@@ -213,15 +217,21 @@ void IR::set_const(const std::string& t, const NDArray& value) {
     it->second = value;
   }
   TensorInfo& ti = info(t);
+  ti.constant = true;
   ti.shape = value.shape();
   ti.has_shape = true;
   ti.dtype = value.dtype();
-  if (journal_on_) touch_tensor_neighbours(t);
+  if (journal_on_) {
+    // Its value changed: every reader may now match differently.
+    auto ti_it = tensors_.find(t);
+    for (const auto& u : ti_it->second.uses) touch(u.first);
+  }
 }
 
 void IR::erase_const(const std::string& t) {
   consts_.erase(t);
   auto it = tensors_.find(t);
+  if (it != tensors_.end()) it->second.constant = false;
   if (it != tensors_.end() && it->second.uses.empty() && it->second.producers.empty() &&
       !is_input(t) && !is_output(t)) {
     tensors_.erase(it);
@@ -237,38 +247,51 @@ void IR::sort_consumers(NodeList& list) const {
   });
 }
 
-NodeList IR::next_nodes(const std::string& t) const {
-  NodeList out;
-  auto it = tensors_.find(t);
-  if (it == tensors_.end()) return out;
-  out.reserve(it->second.uses.size());
-  for (const auto& u : it->second.uses) {
+namespace {
+// Distinct readers of one index entry, appended to `out`.
+void append_readers(const TensorInfo& ti, NodeList& out, size_t from) {
+  for (const auto& u : ti.uses) {
     bool seen = false;
-    for (const auto& o : out)
-      if (o.get() == u.first) {
+    for (size_t k = from; k < out.size(); ++k)
+      if (out[k].get() == u.first) {
         seen = true;
         break;
       }
     if (!seen) out.push_back(u.first->shared_from_this());
   }
+}
+}  // namespace
+
+NodeList IR::next_nodes(const std::string& t) const {
+  NodeList out;
+  auto it = tensors_.find(t);
+  if (it == tensors_.end()) return out;
+  append_readers(it->second, out, 0);
   sort_consumers(out);
   return out;
 }
 
 NodeList IR::next_nodes(const Node& node) const {
   NodeList out;
-  for (const auto& t : node.output) {
-    if (t.empty()) continue;
-    NodeList part = next_nodes(t);
-    for (auto& n : part) {
-      bool seen = false;
-      for (const auto& o : out)
-        if (o == n) {
-          seen = true;
-          break;
-        }
-      if (!seen) out.push_back(std::move(n));
+  const bool attached = node.owner_ == this;
+  for (size_t i = 0; i < node.output.size(); ++i) {
+    const TensorInfo* ti = nullptr;
+    if (attached && i < node.out_ti_.size()) {
+      ti = node.out_ti_[i];
+    } else if (!node.output[i].empty()) {
+      ti = tensor(node.output[i]);
     }
+    if (!ti) continue;
+    const size_t from = out.size();
+    append_readers(*ti, out, from);
+    NodeList part(out.begin() + static_cast<std::ptrdiff_t>(from), out.end());
+    out.resize(from);
+    sort_consumers(part);
+    // A reader of an earlier output keeps its first place.
+    for (auto& n : part)
+      if (std::find(out.begin(), out.begin() + static_cast<std::ptrdiff_t>(from), n) ==
+          out.begin() + static_cast<std::ptrdiff_t>(from))
+        out.push_back(std::move(n));
   }
   return out;
 }
@@ -287,11 +310,20 @@ NodeList IR::pre_nodes(const std::string& t) const {
 
 NodeList IR::pre_nodes(const Node& node) const {
   NodeList out;
-  for (const auto& t : node.input) {
-    if (t.empty()) continue;
-    NodePtr p = producer(t);
-    if (!p) continue;
-    if (std::find(out.begin(), out.end(), p) == out.end()) out.push_back(std::move(p));
+  const bool attached = node.owner_ == this;
+  for (size_t i = 0; i < node.input.size(); ++i) {
+    const TensorInfo* ti = nullptr;
+    if (attached && i < node.in_ti_.size()) {
+      ti = node.in_ti_[i];
+    } else if (!node.input[i].empty()) {
+      ti = tensor(node.input[i]);
+    }
+    if (!ti || ti->producers.empty()) continue;
+    Node* p = ti->producers.back();
+    bool seen = false;
+    for (const auto& o : out)
+      if (o.get() == p) seen = true;
+    if (!seen) out.push_back(p->shared_from_this());
   }
   return out;
 }
@@ -314,35 +346,57 @@ void IR::add_graph_output(const std::string& t) {
   info(t);
 }
 
+namespace {
+template <class T>
+T& port_entry(std::vector<T>& v, size_t i) {
+  if (v.size() <= i) v.resize(i + 1);
+  return v[i];
+}
+}  // namespace
+
 void IR::attach_use(const std::string& t, Node* n, uint32_t slot) {
   if (t.empty()) return;
-  info(t).uses.emplace_back(n, slot);
+  TensorInfo& ti = info(t);
+  const bool implicit = (slot & kImplicit) != 0;
+  const size_t k = slot & ~kImplicit;
+  port_entry(implicit ? n->implicit_pos_ : n->in_pos_, k) = static_cast<uint32_t>(ti.uses.size());
+  port_entry(implicit ? n->implicit_ti_ : n->in_ti_, k) = &ti;
+  ti.uses.emplace_back(n, slot);
 }
 
-void IR::detach_use(const std::string& t, Node* n, uint32_t slot) {
-  if (t.empty()) return;
-  auto it = tensors_.find(t);
-  if (it == tensors_.end()) return;
-  auto& uses = it->second.uses;
-  for (size_t k = 0; k < uses.size(); ++k) {
-    if (uses[k].first == n && uses[k].second == slot) {
-      uses.erase(uses.begin() + static_cast<std::ptrdiff_t>(k));
-      break;
-    }
+void IR::detach_use(Node* n, uint32_t slot) {
+  const bool implicit = (slot & kImplicit) != 0;
+  const size_t k = slot & ~kImplicit;
+  auto& tis = implicit ? n->implicit_ti_ : n->in_ti_;
+  auto& poss = implicit ? n->implicit_pos_ : n->in_pos_;
+  if (k >= tis.size() || !tis[k]) return;
+  TensorInfo& ti = *tis[k];
+  tis[k] = nullptr;
+  auto& uses = ti.uses;
+  const uint32_t pos = poss[k];
+  if (pos >= uses.size() || uses[pos].first != n || uses[pos].second != slot) return;
+  // Swap with the last entry and tell that entry's node where it went.
+  if (pos + 1 != uses.size()) {
+    uses[pos] = uses.back();
+    Node* moved = uses[pos].first;
+    const uint32_t ms = uses[pos].second;
+    ((ms & kImplicit) ? moved->implicit_pos_ : moved->in_pos_)[ms & ~kImplicit] = pos;
   }
-  if (journal_on_ && uses.empty()) released_.push_back(t);
+  uses.pop_back();
+  if (journal_on_ && uses.empty()) released_.push_back(*ti.name);
 }
 
-void IR::attach_producer(const std::string& t, Node* n) {
+void IR::attach_producer(const std::string& t, Node* n, size_t slot) {
   if (t.empty()) return;
-  info(t).producers.push_back(n);
+  TensorInfo& ti = info(t);
+  port_entry(n->out_ti_, slot) = &ti;
+  ti.producers.push_back(n);
 }
 
-void IR::detach_producer(const std::string& t, Node* n) {
-  if (t.empty()) return;
-  auto it = tensors_.find(t);
-  if (it == tensors_.end()) return;
-  auto& ps = it->second.producers;
+void IR::detach_producer(Node* n, size_t slot) {
+  if (slot >= n->out_ti_.size() || !n->out_ti_[slot]) return;
+  auto& ps = n->out_ti_[slot]->producers;
+  n->out_ti_[slot] = nullptr;
   for (size_t k = ps.size(); k-- > 0;) {
     if (ps[k] == n) {
       ps.erase(ps.begin() + static_cast<std::ptrdiff_t>(k));
@@ -358,26 +412,33 @@ void IR::touch(Node* n) {
 void IR::touch_tensor_neighbours(const std::string& t) {
   if (!journal_on_ || t.empty()) return;
   auto it = tensors_.find(t);
-  if (it == tensors_.end()) return;
-  for (Node* p : it->second.producers) touch(p);
-  for (const auto& u : it->second.uses) touch(u.first);
+  if (it != tensors_.end()) touch_tensor_neighbours(&it->second);
+}
+
+void IR::touch_tensor_neighbours(const TensorInfo* ti) {
+  // A constant has no producer, and its readers do not become neighbours by
+  // sharing it: a weight or shape read by thousands of nodes must not put them
+  // all back on the worklist whenever one of them changes.
+  if (!journal_on_ || !ti || ti->constant) return;
+  for (Node* p : ti->producers) touch(p);
+  for (const auto& u : ti->uses) touch(u.first);
 }
 
 void IR::port_write(Node& node, bool is_output, size_t i, const std::string& t) {
   auto& names = is_output ? node.output.names_ : node.input.names_;
-  const std::string old = names[i];
-  if (old == t) return;
+  if (names[i] == t) return;
   if (journal_on_) {
     touch(&node);
-    touch_tensor_neighbours(old);
+    auto& tis = is_output ? node.out_ti_ : node.in_ti_;
+    touch_tensor_neighbours(i < tis.size() ? tis[i] : nullptr);
     touch_tensor_neighbours(t);
   }
   if (is_output) {
-    detach_producer(old, &node);
+    detach_producer(&node, i);
     names[i] = t;
-    attach_producer(t, &node);
+    attach_producer(t, &node, i);
   } else {
-    detach_use(old, &node, static_cast<uint32_t>(i));
+    detach_use(&node, static_cast<uint32_t>(i));
     names[i] = t;
     attach_use(t, &node, static_cast<uint32_t>(i));
   }
@@ -392,17 +453,17 @@ void IR::port_resize(Node& node, bool is_output, size_t n) {
 
 void IR::port_erase(Node& node, bool is_output, size_t i) {
   auto& names = is_output ? node.output.names_ : node.input.names_;
-  // Slots after i shift down: re-key their uses.
+  // Slots after i shift down: re-key their entries.
   for (size_t k = i; k < names.size(); ++k) {
     if (is_output)
-      detach_producer(names[k], &node);
+      detach_producer(&node, k);
     else
-      detach_use(names[k], &node, static_cast<uint32_t>(k));
+      detach_use(&node, static_cast<uint32_t>(k));
   }
   names.erase(names.begin() + static_cast<std::ptrdiff_t>(i));
   for (size_t k = i; k < names.size(); ++k) {
     if (is_output)
-      attach_producer(names[k], &node);
+      attach_producer(names[k], &node, k);
     else
       attach_use(names[k], &node, static_cast<uint32_t>(k));
   }
@@ -432,12 +493,14 @@ void IR::add_node(const NodePtr& node, int64_t order) {
   if (!node->name.empty()) by_name_[node->name] = node.get();
   for (size_t i = 0; i < node->input.names_.size(); ++i)
     attach_use(node->input.names_[i], node.get(), static_cast<uint32_t>(i));
-  for (const auto& t : node->implicit_inputs) attach_use(t, node.get(), kImplicit);
-  for (const auto& t : node->output.names_) attach_producer(t, node.get());
+  for (size_t k = 0; k < node->implicit_inputs.size(); ++k)
+    attach_use(node->implicit_inputs[k], node.get(), kImplicit | static_cast<uint32_t>(k));
+  for (size_t i = 0; i < node->output.names_.size(); ++i)
+    attach_producer(node->output.names_[i], node.get(), i);
   if (journal_on_) {
     touch(node.get());
-    for (const auto& t : node->input.names_) touch_tensor_neighbours(t);
-    for (const auto& t : node->output.names_) touch_tensor_neighbours(t);
+    for (const TensorInfo* ti : node->in_ti_) touch_tensor_neighbours(ti);
+    for (const TensorInfo* ti : node->out_ti_) touch_tensor_neighbours(ti);
   }
   invalidate_order();
 }
@@ -446,13 +509,14 @@ void IR::remove_node(Node& node) {
   if (node.owner_ != this) return;
   NodePtr keep = node.shared_from_this();
   if (journal_on_) {
-    for (const auto& t : node.input.names_) touch_tensor_neighbours(t);
-    for (const auto& t : node.output.names_) touch_tensor_neighbours(t);
+    for (const TensorInfo* ti : node.in_ti_) touch_tensor_neighbours(ti);
+    for (const TensorInfo* ti : node.out_ti_) touch_tensor_neighbours(ti);
   }
   for (size_t i = 0; i < node.input.names_.size(); ++i)
-    detach_use(node.input.names_[i], &node, static_cast<uint32_t>(i));
-  for (const auto& t : node.implicit_inputs) detach_use(t, &node, kImplicit);
-  for (const auto& t : node.output.names_) detach_producer(t, &node);
+    detach_use(&node, static_cast<uint32_t>(i));
+  for (size_t k = 0; k < node.implicit_inputs.size(); ++k)
+    detach_use(&node, kImplicit | static_cast<uint32_t>(k));
+  for (size_t i = 0; i < node.output.names_.size(); ++i) detach_producer(&node, i);
   auto bn = by_name_.find(node.name);
   if (bn != by_name_.end() && bn->second == &node) by_name_.erase(bn);
   slots_[node.slot_] = nullptr;
@@ -486,59 +550,67 @@ const NodeList& IR::node() const {
   if (order_valid_) return order_cache_;
   // Kahn's algorithm; among ready nodes the one with the smallest order key
   // goes first, so an unchanged graph keeps its order and output is stable.
-  std::vector<Node*> alive;
-  alive.reserve(alive_);
-  for (const auto& n : slots_)
-    if (n) alive.push_back(n.get());
-  std::unordered_map<Node*, int> indeg;
-  indeg.reserve(alive.size() * 2);
-  for (Node* n : alive) {
+  // In-degrees live in a vector indexed by node slot.
+  std::vector<int> indeg(slots_.size(), 0);
+  auto producer_of = [](const TensorInfo* ti) -> Node* {
+    return (ti && !ti->producers.empty()) ? ti->producers.back() : nullptr;
+  };
+  for (const auto& n : slots_) {
+    if (!n) continue;
     int d = 0;
-    auto count = [&](const std::string& t) {
-      if (t.empty()) return;
-      auto it = tensors_.find(t);
-      if (it == tensors_.end() || it->second.producers.empty()) return;
-      Node* p = it->second.producers.back();
-      if (p != n) ++d;
-    };
-    for (const auto& t : n->input.names_) count(t);
-    for (const auto& t : n->implicit_inputs) count(t);
-    indeg[n] = d;
+    for (const TensorInfo* ti : n->in_ti_) {
+      Node* p = producer_of(ti);
+      if (p && p != n.get()) ++d;
+    }
+    for (const TensorInfo* ti : n->implicit_ti_) {
+      Node* p = producer_of(ti);
+      if (p && p != n.get()) ++d;
+    }
+    indeg[n->slot_] = d;
   }
   auto later = [](const Node* a, const Node* b) {
     if (a->order_ != b->order_) return a->order_ > b->order_;
     return a->uid_ > b->uid_;
   };
-  std::priority_queue<Node*, std::vector<Node*>, decltype(later)> ready(later);
-  for (Node* n : alive)
-    if (indeg[n] == 0) ready.push(n);
+  std::vector<Node*> heap;
+  heap.reserve(64);
+  for (const auto& n : slots_)
+    if (n && indeg[n->slot_] == 0) heap.push_back(n.get());
+  std::make_heap(heap.begin(), heap.end(), later);
   order_cache_.clear();
-  order_cache_.reserve(alive.size());
-  while (!ready.empty()) {
-    Node* n = ready.top();
-    ready.pop();
+  order_cache_.reserve(alive_);
+  while (!heap.empty()) {
+    std::pop_heap(heap.begin(), heap.end(), later);
+    Node* n = heap.back();
+    heap.pop_back();
     order_cache_.push_back(n->shared_from_this());
-    for (const auto& t : n->output.names_) {
-      if (t.empty()) continue;
-      auto it = tensors_.find(t);
-      if (it == tensors_.end() || it->second.producers.empty() || it->second.producers.back() != n)
-        continue;
-      for (const auto& u : it->second.uses) {
+    for (const TensorInfo* ti : n->out_ti_) {
+      if (!ti || ti->producers.empty() || ti->producers.back() != n) continue;
+      for (const auto& u : ti->uses) {
         if (u.first == n) continue;
-        if (--indeg[u.first] == 0) ready.push(u.first);
+        if (--indeg[u.first->slot_] == 0) {
+          heap.push_back(u.first);
+          std::push_heap(heap.begin(), heap.end(), later);
+        }
       }
     }
   }
-  if (order_cache_.size() != alive.size()) {
+  if (order_cache_.size() != alive_) {
     // A cycle: keep the rest in key order so callers still see every node.
     std::vector<Node*> rest;
-    for (Node* n : alive)
-      if (indeg[n] > 0) rest.push_back(n);
+    for (const auto& n : slots_)
+      if (n && indeg[n->slot_] > 0) rest.push_back(n.get());
     std::sort(rest.begin(), rest.end(), [&](Node* a, Node* b) { return later(b, a); });
     for (Node* n : rest) order_cache_.push_back(n->shared_from_this());
   }
   order_valid_ = true;
   return order_cache_;
+}
+
+void IR::reserve(size_t nodes, size_t tensors) {
+  slots_.reserve(nodes);
+  by_name_.reserve(nodes);
+  tensors_.reserve(tensors);
 }
 
 bool IR::depends_on(const Node& node, const std::string& t) const {

@@ -55,6 +55,8 @@ class PortList {
   std::vector<std::string> names_;
 };
 
+struct TensorInfo;
+
 class Node : public std::enable_shared_from_this<Node> {
   struct Token {};
 
@@ -83,23 +85,35 @@ class Node : public std::enable_shared_from_this<Node> {
   const Attr* find_attr(const std::string& key) const;
   IR* graph() const { return owner_; }
   uint64_t uid() const { return uid_; }
+  // Bookkeeping bits for whoever walks the graph (the driver marks the
+  // worklists a node is on); no meaning to the graph itself.
+  mutable uint8_t work_flags = 0;
   int64_t order() const { return order_; }
 
  private:
   friend class IR;
   friend class PortList;
   IR* owner_ = nullptr;
+  // Where each input's (and implicit input's) use entry sits in its tensor's
+  // use list, so that dropping a use is O(1) however many readers it has.
+  std::vector<uint32_t> in_pos_, implicit_pos_;
+  // The index entry of each port's tensor (entries never move), so edits on
+  // a node's own ports need no name lookup.
+  std::vector<TensorInfo*> in_ti_, out_ti_, implicit_ti_;
   uint64_t uid_ = 0;
   int64_t order_ = 0;
   size_t slot_ = 0;
 };
 
 struct TensorInfo {
+  const std::string* name = nullptr;  // the key this entry is held under
+  bool constant = false;
   Shape shape;
   bool has_shape = false;
   int32_t dtype = dt::UNDEFINED;
   std::vector<Node*> producers;  // the last one is the producer
-  // (consumer, input slot); slot kImplicit for a sub-graph reference.
+  // (consumer, input slot), in no particular order; a sub-graph reference has
+  // kImplicit set in its slot. Readers come out sorted by next_nodes.
   std::vector<std::pair<Node*, uint32_t>> uses;
 };
 
@@ -125,7 +139,7 @@ using QuantTable = std::map<std::string, QuantRecord>;
 
 class IR {
  public:
-  static constexpr uint32_t kImplicit = 0xffffffffu;
+  static constexpr uint32_t kImplicit = 0x80000000u;
 
   IR();
   ~IR();
@@ -196,6 +210,8 @@ class IR {
   void add_node(const NodePtr& node);
   void remove_node(Node& node);
   NodePtr find_node(const std::string& name) const;
+  // Room for this many nodes and tensors, so a large model loads without rehashing.
+  void reserve(size_t nodes, size_t tensors);
   // A name that no tensor, constant or node holds yet, from base and suffix.
   std::string unique_tensor_name(const std::string& base) const;
   std::string unique_node_name(const std::string& base) const;
@@ -236,10 +252,11 @@ class IR {
   friend class PortList;
   void touch(Node* n);
   void touch_tensor_neighbours(const std::string& t);
+  void touch_tensor_neighbours(const TensorInfo* ti);
   void attach_use(const std::string& t, Node* n, uint32_t slot);
-  void detach_use(const std::string& t, Node* n, uint32_t slot);
-  void attach_producer(const std::string& t, Node* n);
-  void detach_producer(const std::string& t, Node* n);
+  void detach_use(Node* n, uint32_t slot);
+  void attach_producer(const std::string& t, Node* n, size_t slot);
+  void detach_producer(Node* n, size_t slot);
   void port_write(Node& node, bool is_output, size_t i, const std::string& t);
   void port_resize(Node& node, bool is_output, size_t n);
   void port_erase(Node& node, bool is_output, size_t i);

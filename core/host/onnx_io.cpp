@@ -233,9 +233,9 @@ bool full_shape(const onnx::TypeProto& type, Shape& out) {
 void apply_type(IR& ir, const std::string& name, const onnx::TypeProto& type, bool with_shape) {
   if (!type.has_tensor_type()) return;
   const int32_t elem = type.tensor_type().elem_type();
-  if (elem != dt::UNDEFINED) ir.set_dtype(name, elem);
   Shape s;
-  if (with_shape && full_shape(type, s)) ir.set_shape(name, s, false);
+  if (with_shape && full_shape(type, s)) ir.set_shape(name, s, false, elem);
+  else if (elem != dt::UNDEFINED) ir.set_dtype(name, elem);
 }
 
 // Names read inside the graph (and its own sub-graphs) that it does not
@@ -471,6 +471,10 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
   const bool model_shapes = !overrides_conflict;
 
   // ---- value_info, outputs, inputs (the latter win)
+  ir.reserve(static_cast<size_t>(g.node_size()),
+             static_cast<size_t>(g.node_size()) + static_cast<size_t>(g.value_info_size()) +
+                 static_cast<size_t>(g.initializer_size()) + static_cast<size_t>(g.input_size()) +
+                 static_cast<size_t>(g.output_size()));
   ir.value_info().reserve(static_cast<size_t>(g.value_info_size()));
   for (const auto& vi : g.value_info()) {
     ir.value_info().push_back(vi.name());
@@ -503,6 +507,7 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
 
   // ---- producers, implicit inputs, order check
   const int n_nodes = g.node_size();
+
   std::unordered_map<std::string_view, int> producer_of;
   producer_of.reserve(static_cast<size_t>(n_nodes) * 2 + 1);
   for (int i = 0; i < n_nodes; ++i) {

@@ -29,32 +29,47 @@ struct Facts {
 Facts facts(const IR& ir, const std::string& t) {
   Facts f;
   if (t.empty()) return f;
-  f.dtype = ir.get_dtype(t);
-  if (ir.has_shape(t)) {
-    f.has_shape = true;
-    f.shape = ir.get_shape(t);
-  } else if (const NDArray* c = ir.get_const(t)) {
-    f.has_shape = true;
-    f.shape = c->shape();
+  // One look-up for the common case: ir.tensor() holds type and shape.
+  if (const TensorInfo* ti = ir.tensor(t)) {
+    f.dtype = ti->dtype;
+    if (ti->has_shape) {
+      f.has_shape = true;
+      f.shape = ti->shape;
+    }
+  }
+  if (f.dtype == dt::UNDEFINED || !f.has_shape) {
+    if (const NDArray* c = ir.get_const(t)) {
+      if (f.dtype == dt::UNDEFINED) f.dtype = c->dtype();
+      if (!f.has_shape) {
+        f.has_shape = true;
+        f.shape = c->shape();
+      }
+    }
   }
   return f;
 }
 
+bool has_shape(const IR& ir, const std::string& t) {
+  const TensorInfo* ti = ir.tensor(t);
+  return ti && ti->has_shape;
+}
+
 bool all_outputs_shaped(const IR& ir, const Node& node) {
   for (const auto& t : node.output)
-    if (!t.empty() && !ir.has_shape(t)) return false;
+    if (!t.empty() && !has_shape(ir, t)) return false;
   return true;
 }
 
 // Records an output's type and shape, respecting `overwrite`.
 void put(IR& ir, const std::string& t, int32_t dtype, const Shape* shape, bool overwrite) {
   if (t.empty()) return;
-  const bool held = ir.has_shape(t);
+  const TensorInfo* ti = ir.tensor(t);
+  const bool held = ti && ti->has_shape;
   if (shape && (!held || overwrite)) {
     ir.set_shape(t, *shape, false, dtype);
     return;
   }
-  if (dtype != dt::UNDEFINED && (overwrite || ir.get_dtype(t) == dt::UNDEFINED)) ir.set_dtype(t, dtype);
+  if (dtype != dt::UNDEFINED && (overwrite || !ti || ti->dtype == dt::UNDEFINED)) ir.set_dtype(t, dtype);
 }
 
 // ------------------------------------------------------ extended ops
@@ -188,6 +203,26 @@ void fill_type(const Facts& f, onnx::TypeProto& type) {
   }
 }
 
+// The value of an integer tensor that data propagation worked out, as a
+// TensorProto, when every element is known.
+bool value_from_generated(const GeneratedShapes& generated, const std::string& t, const Facts& f,
+                          onnx::TensorProto& out) {
+  if (f.dtype != dt::INT64 && f.dtype != dt::INT32) return false;
+  auto it = generated.find(t);
+  if (it == generated.end()) return false;
+  const auto& dims = it->second.dim();
+  std::vector<int64_t> values;
+  values.reserve(static_cast<size_t>(dims.size()));
+  for (const auto& d : dims) {
+    if (!d.has_dim_value()) return false;
+    values.push_back(d.dim_value());
+  }
+  Shape shape{static_cast<int64_t>(values.size())};
+  if (f.has_shape && shape_size(f.shape) == static_cast<int64_t>(values.size())) shape = f.shape;
+  onnx_convert::tensor_to_proto(NDArray::from_i64(values, shape, f.dtype), t, &out);
+  return true;
+}
+
 bool infer_onnx(IR& ir, Node& node, bool overwrite, GeneratedShapes* generated) {
   const bool default_domain = node.domain.empty() || node.domain == "ai.onnx";
   const std::string domain = default_domain ? std::string() : node.domain;
@@ -224,6 +259,10 @@ bool infer_onnx(IR& ir, Node& node, bool overwrite, GeneratedShapes* generated) 
     const NDArray* c = ir.get_const(t);
     if (c && c->dtype() != dt::STRING && c->size() <= kMaxConstElements) {
       onnx_convert::tensor_to_proto(*c, t, &datas[k]);
+      data_by_name.emplace(t, &datas[k]);
+    } else if (!c && generated && value_from_generated(*generated, t, f, datas[k])) {
+      // libonnx 1.12's Reshape (and others) read only constant data: hand
+      // them the propagated value of a shape computation as a constant.
       data_by_name.emplace(t, &datas[k]);
     }
   }
@@ -335,11 +374,12 @@ bool infer_node(IR& ir, Node& node, bool overwrite) { return infer_impl(ir, node
 
 void infer_missing(IR& ir) {
   GeneratedShapes generated;
-  const NodeList nodes = ir.node();  // a copy: inference does not change it, but be safe
+  // Inference writes shapes and types only, which leaves the order valid.
+  const NodeList& nodes = ir.node();
   for (const auto& n : nodes) {
     bool run = false;
     for (const auto& t : n->output)
-      if (!t.empty() && !ir.has_shape(t)) {
+      if (!t.empty() && !has_shape(ir, t)) {
         run = true;
         break;
       }

@@ -23,23 +23,37 @@ constexpr int kLimitDepth = 4;
 // How many distinct matches of one row are offered from one anchor.
 constexpr int kMaxMatchesPerAnchor = 32;
 
-// A FIFO of nodes, each queued at most once at a time.
+// A FIFO of nodes, each queued at most once at a time. Membership is a bit
+// on the node, so queueing costs no lookup however large the graph.
 class Worklist {
  public:
+  explicit Worklist(uint8_t bit) : bit_(bit) {}
   void push(const NodePtr& n) {
-    if (queued_.insert(n->uid()).second) q_.push_back(n);
+    if (n->work_flags & bit_) return;
+    n->work_flags |= bit_;
+    q_.push_back(n);
+  }
+  // Nodes a rewrite just touched go first: their neighbourhood is still in
+  // cache, and a rewrite often enables the next one right beside it.
+  void push_front(const NodePtr& n) {
+    if (n->work_flags & bit_) return;
+    n->work_flags |= bit_;
+    q_.push_front(n);
   }
   NodePtr pop() {
-    NodePtr n = q_.front();
+    NodePtr n = std::move(q_.front());
     q_.pop_front();
-    queued_.erase(n->uid());
+    n->work_flags &= static_cast<uint8_t>(~bit_);
     return n;
   }
   bool empty() const { return q_.empty(); }
+  ~Worklist() {
+    for (auto& n : q_) n->work_flags &= static_cast<uint8_t>(~bit_);
+  }
 
  private:
+  uint8_t bit_;
   std::deque<NodePtr> q_;
-  std::unordered_set<uint64_t> queued_;
 };
 
 struct TableIndex {
@@ -76,10 +90,9 @@ bool inner_link_private(const IR& ir, const Node& producer, const Node& consumer
   for (const auto& t : producer.output) {
     if (t.empty() || !consumer.input.contains(t)) continue;
     if (ir.is_output(t)) return false;
-    const TensorInfo* ti = ir.tensor(t);
-    if (!ti) return false;
-    for (const auto& u : ti->uses)
-      if (u.first != &consumer) return false;
+    if (ir.use_count(t) != 1 &&
+        !(ir.use_count(t) > 1 && ir.next_nodes(t).size() == 1))  // read twice by one node
+      return false;
   }
   return true;
 }
@@ -236,6 +249,12 @@ class Driver {
     cvt_limited_.push(n);
     fuse_limited_.push(n);
   }
+  void push_all_front(const NodePtr& n) {
+    cvt_regular_.push_front(n);
+    fuse_regular_.push_front(n);
+    cvt_limited_.push_front(n);
+    fuse_limited_.push_front(n);
+  }
 
   // Runs the table's regular rows until their worklist is empty. False when
   // the rewrite budget is spent.
@@ -300,8 +319,9 @@ class Driver {
     ++stats_.fired[row.key];
     ++stats_.rewrites;
     remove_released();
-    for (const auto& t : ir_.take_touched())
-      if (ir_.contains(*t)) push_all(t);
+    std::vector<NodePtr> touched = ir_.take_touched();
+    for (auto it = touched.rbegin(); it != touched.rend(); ++it)
+      if (ir_.contains(**it)) push_all_front(*it);
     if (stats_.rewrites >= budget_) {
       stats_.converged = false;
       tolmLog::w("reduce stopped after " + std::to_string(stats_.rewrites) +
@@ -336,7 +356,7 @@ class Driver {
   IR& ir_;
   QuantTable* qt_;
   TableIndex cvt_, fuse_;
-  Worklist cvt_regular_, fuse_regular_, cvt_limited_, fuse_limited_;
+  Worklist cvt_regular_{1}, fuse_regular_{2}, cvt_limited_{4}, fuse_limited_{8};
   std::unordered_map<std::pair<size_t, uint64_t>, int, PairHash> limit_fires_;
   std::unordered_map<uint64_t, int> depth_;  // node uid -> limit rewrites behind it
   DriverStats stats_;

@@ -4,6 +4,7 @@
 
 #include "chains/chains.h"
 #include "dead/dead.h"
+#include "layout/layout.h"
 
 namespace tolm {
 
@@ -65,9 +66,9 @@ const std::vector<ProcEntry>& registry() {
       {"_p_relocate_tp_rs_split_axis", nullptr},
       {"_p_relocate_rs_split_axis", nullptr},
       // Layout optimisation
-      {"_p_reduce_tp_in_mesh", nullptr},
-      {"_p_reduce_tp_in_mesh_forward", nullptr},
-      {"_p_reduce_tp_in_mesh_backward", nullptr},
+      {"_p_reduce_tp_in_mesh", _p_reduce_tp_in_mesh},
+      {"_p_reduce_tp_in_mesh_forward", _p_reduce_tp_in_mesh_forward},
+      {"_p_reduce_tp_in_mesh_backward", _p_reduce_tp_in_mesh_backward},
       {"_p_reduce_transpose_op_around_sub_graph", nullptr},
       {"_p_reduce_reshape_op_around_axis_op", nullptr},
       // ScatterND

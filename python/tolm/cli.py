@@ -32,7 +32,7 @@ def _parser() -> argparse.ArgumentParser:
 
     p = _Parser(prog=PROG, description="Reduce an ONNX model with the graph-reduction rules.")
     p.add_argument("model", nargs="?", help="input model (.onnx); without it, a built-in example")
-    p.add_argument("-o", "--output", help="where to write the reduced model")
+    p.add_argument("-o", "--output", help="where to write the reduced model (optional for the example)")
     p.add_argument("--target", default="npu_c", choices=TARGETS, help="NPU target (default npu_c)")
     p.add_argument(
         "--input-shape",
@@ -46,18 +46,18 @@ def _parser() -> argparse.ArgumentParser:
     return p
 
 
-def parse_input_shapes(specs: List[str]) -> Dict[str, List[int]]:
+def parse_input_shapes(items: List[str]) -> Dict[str, List[int]]:
     shapes: Dict[str, List[int]] = {}
-    for spec in specs:
-        name, sep, dims = spec.rpartition(":")
+    for item in items:
+        name, sep, dims = item.rpartition(":")
         if not sep or not name:
-            raise UsageError(f"bad --input-shape '{spec}': expected NAME:D1,D2,...")
+            raise UsageError(f"bad --input-shape '{item}': expected NAME:D1,D2,...")
         try:
             values = [int(d) for d in dims.split(",")] if dims.strip() else []
         except ValueError:
-            raise UsageError(f"bad --input-shape '{spec}': dimensions must be integers") from None
+            raise UsageError(f"bad --input-shape '{item}': dimensions must be integers") from None
         if any(v <= 0 for v in values):
-            raise UsageError(f"bad --input-shape '{spec}': dimensions must be positive")
+            raise UsageError(f"bad --input-shape '{item}': dimensions must be positive")
         shapes[name] = values
     return shapes
 
@@ -80,6 +80,8 @@ def main(argv: Optional[List[str]] = None) -> int:
         shapes = parse_input_shapes(args.input_shape)
         if args.check < 0:
             raise UsageError("--check needs a number >= 0")
+        if args.model is not None and not args.output:
+            raise UsageError("-o/--output is required with an input model")
     except UsageError as exc:
         return _fail(str(exc))
 

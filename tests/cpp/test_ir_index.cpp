@@ -20,7 +20,8 @@ void expect_index_consistent(const IR& ir) {
   for (const NodePtr& n : ir.node()) {
     for (size_t i = 0; i < n->input.size(); ++i)
       if (!n->input[i].empty()) uses[n->input[i]].insert({n.get(), static_cast<uint32_t>(i)});
-    for (const auto& t : n->implicit_inputs) uses[t].insert({n.get(), IR::kImplicit});
+    for (size_t k = 0; k < n->implicit_inputs.size(); ++k)
+      uses[n->implicit_inputs[k]].insert({n.get(), IR::kImplicit | static_cast<uint32_t>(k)});
     for (const auto& t : n->output)
       if (!t.empty()) producers[t].insert(n.get());
   }

@@ -585,3 +585,52 @@ TEST(OnnxIO, FileLoadAndMissingFile) {
   EXPECT_EQ(load_model_file(path)->node_count(), 2u);
   EXPECT_THROW(load_model_file(path + ".missing"), LoadError);
 }
+
+TEST(OnnxIO, UnnamedNodesInMessages) {
+  ModelBuilder b(13);
+  b.input("x", onnx::TensorProto::FLOAT, Dims{2});
+  b.output("y", onnx::TensorProto::FLOAT, Dims{2});
+  b.node("Relu", {"x"}, {"y"});
+  b.node("Neg", {"x"}, {"y"});
+  EXPECT_EQ(load_error(b.bytes()), "tensor y has two producers: Relu node #0, Neg node #1");
+  ModelBuilder c(13);
+  c.input("x", onnx::TensorProto::FLOAT, Dims{2});
+  c.output("y", onnx::TensorProto::FLOAT, Dims{2});
+  c.node("Neg", {"y"}, {"y"});
+  EXPECT_EQ(load_error(c.bytes()), "graph has a cycle through node Neg node #0");
+}
+
+// A long chain: load, infer, save and reload stay linear (a quadratic step
+// would take minutes here) and keep every node and shape.
+TEST(OnnxIO, LongChainRoundTrip) {
+  const int n = 50000;
+  ModelBuilder b(13);
+  b.input("x", onnx::TensorProto::FLOAT, Dims{1, 16});
+  b.init(tensor_f32("c", {16}, std::vector<float>(16, 1.f)));
+  b.init(tensor_i64("s", {2}, {4, 4}));
+  b.init(tensor_i64("s2", {2}, {1, 16}));
+  std::string cur = "x";
+  for (int i = 0; i < n; ++i) {
+    const std::string out = "t" + std::to_string(i);
+    const std::string name = "n" + std::to_string(i);
+    switch (i % 4) {
+      case 0: b.node("Add", {cur, "c"}, {out}, name); break;
+      case 1: b.node("Reshape", {cur, "s"}, {out}, name); break;
+      case 2: b.node("Transpose", {cur}, {out}, name, {attr_ints("perm", {1, 0})}); break;
+      default: b.node("Reshape", {cur, "s2"}, {out}, name); break;
+    }
+    cur = out;
+  }
+  b.output(cur, onnx::TensorProto::FLOAT, std::nullopt);
+  auto ir = load_model(b.bytes());
+  EXPECT_EQ(ir->node_count(), static_cast<size_t>(n));
+  EXPECT_EQ(ir->get_shape("t2"), Shape({4, 4}));
+  EXPECT_EQ(ir->get_shape(cur), Shape({1, 16}));
+  const std::string out = save_model(*ir);
+  const onnx::ModelProto m = parse(out);
+  EXPECT_EQ(m.graph().node_size(), n);
+  EXPECT_EQ(m.graph().value_info_size(), n - 1);
+  EXPECT_EQ(m.graph().initializer_size(), 3);
+  auto ir2 = load_model(out);
+  EXPECT_EQ(save_model(*ir2), out);
+}

@@ -34,12 +34,12 @@ _NP_TO_ONNX = {
 }
 
 
-def _vi(name: str, spec) -> onnx.ValueInfoProto:
-    """spec: a shape list (float32), None (unknown), or (elem_type, shape)."""
-    if isinstance(spec, tuple):
-        elem, shape = spec
+def _vi(name: str, desc) -> onnx.ValueInfoProto:
+    """desc: a shape list (float32), None (unknown), or (elem_type, shape)."""
+    if isinstance(desc, tuple):
+        elem, shape = desc
     else:
-        elem, shape = TensorProto.FLOAT, spec
+        elem, shape = TensorProto.FLOAT, desc
     return helper.make_tensor_value_info(name, elem, shape)
 
 

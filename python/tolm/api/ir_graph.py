@@ -89,11 +89,71 @@ def _fix_input_dims(model: onnx.ModelProto, shapes: Dict[str, List[int]]) -> Non
             dims.add().dim_value = d
 
 
+# The native loader's own operator inference knows operator sets up to this
+# version; models of later sets that lack shapes go through ONNX's Python
+# inference first, which knows the current operator definitions.
+NATIVE_INFERENCE_OPSET = 17
+
+
+def _read_varint(buf: bytes, pos: int):
+    value = shift = 0
+    while True:
+        b = buf[pos]
+        pos += 1
+        value |= (b & 0x7F) << shift
+        if b < 0x80:
+            return value, pos
+        shift += 7
+
+
+def default_opset(data: bytes) -> Optional[int]:
+    """The default-domain opset of serialized model bytes, read from the
+    top-level fields only (the graph is skipped, not parsed). None if the bytes
+    do not read as a model."""
+    pos, end, found = 0, len(data), None
+    try:
+        while pos < end:
+            key, pos = _read_varint(data, pos)
+            field, wire = key >> 3, key & 7
+            if wire == 0:
+                _, pos = _read_varint(data, pos)
+            elif wire == 1:
+                pos += 8
+            elif wire == 5:
+                pos += 4
+            elif wire == 2:
+                length, pos = _read_varint(data, pos)
+                if field == 8:  # opset_import
+                    domain, version, p, stop = "", None, pos, pos + length
+                    while p < stop:
+                        k, p = _read_varint(data, p)
+                        if k == (1 << 3 | 2):
+                            n, p = _read_varint(data, p)
+                            domain = data[p:p + n].decode("utf-8", "replace")
+                            p += n
+                        elif k == (2 << 3 | 0):
+                            version, p = _read_varint(data, p)
+                        else:
+                            return None
+                    if domain in ("", "ai.onnx") and version is not None:
+                        found = version
+                pos += length
+            else:
+                return None
+    except IndexError:
+        return None
+    return found if pos == end else None
+
+
 def prepare_model_bytes(model: ModelLike, input_shapes: Optional[Dict[str, List[int]]] = None) -> bytes:
-    """Model bytes ready for the native loader, with ONNX's shapes filled in
-    where the model lacks them. Bytes that are no valid model pass unchanged:
-    the loader reports what is wrong with them."""
+    """Model bytes ready for the native loader. A model of an operator set newer
+    than the loader's inference knows, and lacking shapes, gets ONNX's shape
+    inference first. Bytes that are no valid model pass unchanged: the loader
+    reports what is wrong with them."""
     data = read_model_bytes(model)
+    opset = default_opset(data)
+    if opset is None or opset <= NATIVE_INFERENCE_OPSET:
+        return data
     proto = model if isinstance(model, onnx.ModelProto) else None
     if proto is None:
         try:

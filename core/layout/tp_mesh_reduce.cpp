@@ -1,0 +1,556 @@
+// The transpose mesh rule: from one Transpose, grow the region of operators
+// that do not care about layout, let the vote judge it, and, if that saves
+// Transpose nodes, move the whole region into the voted layout.
+#include <algorithm>
+#include <cstring>
+
+#include "host/builder.h"
+#include "host/log.h"
+#include "layout/layout.h"
+
+namespace tolm {
+namespace {
+
+// A snapshot is kept only while the mesh is this small; past it the search
+// stops at the next fork.
+constexpr size_t kMaxFreeTensors = 100;
+// Attempts per rule call, each excluding the nodes the previous ones refused.
+constexpr int kMaxRetries = 5;
+
+bool has(const Names& list, const std::string& name) {
+  return std::find(list.begin(), list.end(), name) != list.end();
+}
+
+bool has_node(const NodeList& list, const NodePtr& n) {
+  return std::find(list.begin(), list.end(), n) != list.end();
+}
+
+bool has_duplicates(const Names& list) {
+  Names sorted = list;
+  std::sort(sorted.begin(), sorted.end());
+  return std::adjacent_find(sorted.begin(), sorted.end()) != sorted.end();
+}
+
+bool ascending(const Perm& perm) {
+  for (size_t i = 0; i < perm.size(); ++i)
+    if (perm[i] != static_cast<int64_t>(i)) return false;
+  return true;
+}
+
+Perm inverse_of(const Perm& perm) {
+  Perm inv(perm.size());
+  for (size_t i = 0; i < perm.size(); ++i) inv[perm[i]] = static_cast<int64_t>(i);
+  return inv;
+}
+
+int64_t index_of(const Perm& perm, int64_t v) {
+  auto it = std::find(perm.begin(), perm.end(), v);
+  return it == perm.end() ? -1 : static_cast<int64_t>(it - perm.begin());
+}
+
+// `[values[p] for p in perm]`; entries out of range stay as they are.
+std::vector<int64_t> take(const std::vector<int64_t>& values, const Perm& perm) {
+  std::vector<int64_t> out;
+  for (int64_t p : perm) out.push_back(p >= 0 && p < static_cast<int64_t>(values.size()) ? values[p] : 1);
+  return out;
+}
+
+Attr perm_attr(const Perm& perm) { return Attr::make_ints("perm", perm); }
+
+// The constant's data rearranged so that new[i] = old[perm[i]] along its axes.
+NDArray transpose_const(const NDArray& data, const Perm& perm) {
+  const Shape& shape = data.shape();
+  const size_t rank = shape.size();
+  const Shape out_shape = take(shape, perm);
+  const int64_t n = data.size();
+  std::vector<int64_t> in_strides(rank, 1);
+  for (size_t i = rank; i-- > 1;) in_strides[i - 1] = in_strides[i] * shape[i];
+  // Source offset of every destination element, walked in row-major order.
+  std::vector<int64_t> src(static_cast<size_t>(n));
+  std::vector<int64_t> idx(rank, 0);
+  for (int64_t k = 0; k < n; ++k) {
+    int64_t off = 0;
+    for (size_t i = 0; i < rank; ++i) off += idx[i] * in_strides[perm[i]];
+    src[static_cast<size_t>(k)] = off;
+    for (size_t i = rank; i-- > 0;) {
+      if (++idx[i] < out_shape[i]) break;
+      idx[i] = 0;
+    }
+  }
+  if (data.dtype() == dt::STRING) {
+    std::vector<std::string> vals(static_cast<size_t>(n));
+    for (int64_t k = 0; k < n; ++k) vals[k] = data.strings()[src[k]];
+    return NDArray::from_strings(vals, out_shape);
+  }
+  const size_t es = dtype_size(data.dtype());
+  std::vector<uint8_t> raw(static_cast<size_t>(n) * es);
+  for (int64_t k = 0; k < n; ++k) std::memcpy(&raw[k * es], &data.raw()[src[k] * es], es);
+  return NDArray(data.dtype(), out_shape, std::move(raw));
+}
+
+// Gives `node` input `idx` the constant `value`. A constant that others read
+// as well is left to them and the node gets its own copy.
+void set_node_const(IR& ir, Node& node, size_t idx, const NDArray& value) {
+  const std::string& name = node.input[idx];
+  if (ir.use_count(name) <= 1 && !ir.is_output(name)) {
+    ir.set_const(name, value);
+    ir.set_shape(name, value.shape(), false, value.dtype());
+    return;
+  }
+  const std::string fresh = oper_name_join(ir, name, "_mesh");
+  ir.set_const(fresh, value);
+  ir.set_shape(fresh, value.shape(), false, value.dtype());
+  node.input.set(idx, fresh);
+}
+
+// Every consumer of the Transpose reads `new_in` instead of its output.
+void _pass_tp(IR& ir, const Node& tp, const std::string& new_in) {
+  const std::string out = tp.output[0];
+  for (const NodePtr& nod : ir.next_nodes(tp))
+    for (size_t i = 0; i < nod->input.size(); ++i)
+      if (nod->input[i] == out) ir.set_input(*nod, i, new_in);
+}
+
+void replace_input(Node& nod, const std::string& from, const std::string& to) {
+  for (size_t i = 0; i < nod.input.size(); ++i)
+    if (nod.input[i] == from) nod.input.set(i, to);
+}
+
+void replace_output(Node& nod, const std::string& from, const std::string& to) {
+  for (size_t i = 0; i < nod.output.size(); ++i)
+    if (nod.output[i] == from) nod.output.set(i, to);
+}
+
+const Names& tp_change_param_op_type() {
+  static const Names kTypes = {"ArgMax", "ArgMin", "Split",   "Concat", "Gather",
+                               "exSoftmax13", "LogSoftmax", "ReduceMax", "exNorm",
+                               "exGlu", "Expand", "Slice", "Conv"};
+  return kTypes;
+}
+
+const Names& tp_free_op_type() {
+  static const Names kTypes = [] {
+    Names t = {"Abs",      "Add",         "And",       "Asin",       "Acos",     "Atan",
+               "Cast",     "Ceil",        "Cos",       "Div",        "Dropout",  "Exp",
+               "Erf",      "Equal",       "Floor",     "Greater",    "Hardmax",  "Identity",
+               "Less",     "Log",         "Mod",       "Mul",        "Neg",      "NonZero",
+               "Not",      "Or",          "Pow",       "Sigmoid",    "Sign",     "Sin",
+               "Sinh",     "Sqrt",        "Sub",       "Tan",        "Tanh",     "Where",
+               "Clip",     "Celu",        "Elu",       "Gelu",       "HardSigmoid",
+               "LeakyRelu", "LogSigmoid", "Prelu",     "Relu",       "Selu",     "Softplus",
+               "Softsign", "ThresholdedRelu"};
+    const Names& p = tp_change_param_op_type();
+    t.insert(t.end(), p.begin(), p.end());
+    return t;
+  }();
+  return kTypes;
+}
+
+const OpIoIgnore& op_io_ignore_dicts() {
+  // Weights, index and parameter operands keep their layout.
+  static const OpIoIgnore kIgnore = {{{"Split", {1}},
+                                      {"Gather", {1}},
+                                      {"Clip", {2, 3}},
+                                      {"ReduceMax", {1}},
+                                      {"Expand", {1}},
+                                      {"Slice", {1, 2, 3, 4}},
+                                      {"Conv", {1, 2}}},
+                                     {}};
+  return kIgnore;
+}
+
+int64_t default_axis(const std::string& op_type) {
+  if (op_type == "exSoftmax13" || op_type == "LogSoftmax" || op_type == "exGlu") return -1;
+  return 0;
+}
+
+RuleResult retry_mesh(IR& ir, const NodeList& nodes, QuantTable* quant_tab,
+                      const std::string& direction) {
+  Names last_time_tp_change_unsupport_op;
+  int count = 0;
+  while (true) {
+    MeshResult result =
+        _p_reduce_tp_in_mesh(ir, nodes, quant_tab, direction, last_time_tp_change_unsupport_op);
+    if (!result.has_unsupported) return {std::move(result.remove), std::move(result.add)};
+    ++count;
+    last_time_tp_change_unsupport_op.insert(last_time_tp_change_unsupport_op.end(),
+                                            result.unsupported.begin(), result.unsupported.end());
+    if (count > kMaxRetries) return no_match();
+  }
+}
+
+}  // namespace
+
+MeshResult _p_reduce_tp_in_mesh(IR& ir, const NodeList& nodes, QuantTable* /*quant_tab*/,
+                                const std::string& direction,
+                                const Names& last_time_tp_change_unsupport_op) {
+  MeshResult out;
+  if (nodes.empty() || nodes[0]->output.empty() || nodes[0]->input.empty()) return out;
+  const Shape o_shape = ir.get_shape(nodes[0]->output[0]);
+  if (o_shape.size() != 4) return out;
+
+  const Names& free_types = tp_free_op_type();
+  const Names& param_types = tp_change_param_op_type();
+  const OpIoIgnore& ignore = op_io_ignore_dicts();
+
+  // ---- grow the mesh ---------------------------------------------------------
+  Names tp_free_tensors, tp_block_tensors, branch_block_tensor;
+  Names candidate_tensors =
+      direction == "forward" ? nodes[0]->output.names() : nodes[0]->input.names();
+  OrderedDict<Names> branch_tensors_dict;
+  bool has_history = false;
+  Names history_tp_free_tensors, history_tp_block_tensors, history_branch_block_tensor;
+
+  size_t head = 0;  // candidate_tensors is a queue; entries before head are taken
+  while (head < candidate_tensors.size() || !branch_tensors_dict.empty()) {
+    if (head < candidate_tensors.size()) {
+      const std::string t = candidate_tensors[head++];
+      _func_is_tensor_tp_free(ir, free_types, ignore, t, tp_free_tensors, tp_block_tensors,
+                              candidate_tensors, branch_block_tensor, branch_tensors_dict,
+                              last_time_tp_change_unsupport_op);
+      continue;
+    }
+    // At a fork: judge the mesh as it stands, with the unopened forks as its
+    // edge, and remember it if it pays.
+    Names block_now = tp_block_tensors;
+    block_now.insert(block_now.end(), branch_block_tensor.begin(), branch_block_tensor.end());
+    const OptResult snap = _func_compute_opt_result(ir, free_types, param_types, ignore,
+                                                    tp_free_tensors, block_now, nullptr,
+                                                    last_time_tp_change_unsupport_op);
+    if (snap.most_perm && snap.tp_num < 0 &&
+        block_now.size() == snap.t_process_type.size() - snap.change_cross_tp.size()) {
+      has_history = true;
+      history_tp_free_tensors = tp_free_tensors;
+      history_tp_block_tensors = tp_block_tensors;
+      history_tp_block_tensors.insert(history_tp_block_tensors.end(), branch_block_tensor.begin(),
+                                      branch_block_tensor.end());
+      history_branch_block_tensor = branch_block_tensor;
+      if (history_tp_free_tensors.size() > kMaxFreeTensors) {
+        tp_block_tensors.insert(tp_block_tensors.end(), branch_block_tensor.begin(),
+                                branch_block_tensor.end());
+        break;
+      }
+    }
+    const std::string _t = branch_tensors_dict.items().front().first;
+    const Names around = branch_tensors_dict.items().front().second;
+    branch_tensors_dict.erase(_t);
+    candidate_tensors.insert(candidate_tensors.end(), around.begin(), around.end());
+    if (!has(tp_free_tensors, _t) && !has(tp_block_tensors, _t)) tp_free_tensors.push_back(_t);
+  }
+
+  tp_free_tensors.erase(std::remove_if(tp_free_tensors.begin(), tp_free_tensors.end(),
+                                       [&](const std::string& t) { return has(tp_block_tensors, t); }),
+                        tp_free_tensors.end());
+  if (has_duplicates(tp_free_tensors) || has_duplicates(tp_block_tensors)) return out;
+
+  // ---- judge it --------------------------------------------------------------
+  OrderedDict<std::string> tp_dir;
+  OptResult res = _func_compute_opt_result(ir, free_types, param_types, ignore, tp_free_tensors,
+                                           tp_block_tensors, &tp_dir,
+                                           last_time_tp_change_unsupport_op);
+  if (!res.most_perm && has_history) {
+    // The fully grown mesh does not work out: fall back to the last fork
+    // at which it paid.
+    tp_free_tensors = history_tp_free_tensors;
+    tp_block_tensors = history_tp_block_tensors;
+    branch_block_tensor = history_branch_block_tensor;
+    res = _func_compute_opt_result(ir, free_types, param_types, ignore, tp_free_tensors,
+                                   tp_block_tensors, &tp_dir, last_time_tp_change_unsupport_op);
+  }
+  const bool profitable =
+      res.most_perm && res.tp_num < 0 &&
+      tp_block_tensors.size() == res.t_process_type.size() - res.change_cross_tp.size();
+  if (!profitable) {
+    // Each Transpose of this mesh would only find the same mesh again.
+    for (const auto& kv : tp_dir.items()) {
+      const std::string ruler =
+          std::string("reduce_tp_in_mesh_") + (kv.second == "up" ? "forward" : "backward");
+      ir.op_ruler_pause[ruler].push_back(kv.first);
+    }
+    if (!res.tp_change_unsupport_op.empty()) {
+      out.has_unsupported = true;
+      out.unsupported = res.tp_change_unsupport_op;
+    }
+    return out;
+  }
+
+  // ---- rewrite ---------------------------------------------------------------
+  const Perm most_perm = *res.most_perm;
+  const auto pass = _func_get_tp_pass_op(ir, free_types, param_types, ignore, tp_free_tensors,
+                                         tp_block_tensors, last_time_tp_change_unsupport_op);
+  const Names& tp_free_pass_op = pass.first;
+  const Names& param_changed_ops = pass.second;
+  const Perm perm_for_prev = most_perm;
+  const Perm perm_for_next = inverse_of(most_perm);
+  NodeList rm_ops;
+  Graph g(ir);
+  auto new_shape_of = [&](const Shape& shape) { return take(shape, perm_for_prev); };
+  auto in_pass = [&](const NodePtr& n) { return has(tp_free_pass_op, n->name); };
+  auto remove_node = [&](const NodePtr& n) {
+    if (!has_node(rm_ops, n)) rm_ops.push_back(n);
+  };
+  auto transpose_op = [&](const std::string& in, const Perm& perm) {
+    OpSpec opts;
+    opts.attrs = {perm_attr(perm)};
+    return g.op("Transpose", {in}, opts);
+  };
+  // A Transpose that now reads `x`, a tensor in the new layout: it goes if
+  // the new layout is what it made, else its perm absorbs the change.
+  auto fix_consumer = [&](const NodePtr& nod, const std::string& x) {
+    const Perm perm = _func_tp_perm(ir, *nod);
+    if (check_equivalent_perm_for_tp(ir, x, perm, most_perm)) {
+      remove_node(nod);
+      if (ir.is_output(nod->output[0])) {
+        OpSpec opts;
+        opts.outputs = nod->output.names();
+        g.op("Identity", {x}, opts);
+      }
+      _pass_tp(ir, *nod, x);
+    } else {
+      ir.set_attr(*nod, perm_attr(take(perm_for_next, perm)));
+    }
+  };
+
+  for (const auto& entry : res.t_process_type.items()) {
+    const std::string t_name = entry.first;
+    const std::string& type = entry.second;
+    const NodeList pre_nodes = ir.pre_nodes(t_name);
+    const NodeList next_nodes = ir.next_nodes(t_name);
+    const Shape shape = ir.get_shape(t_name);
+    const Shape new_shape = new_shape_of(shape);
+    const NodePtr pre = pre_nodes.empty() ? nullptr : pre_nodes[0];
+
+    if (type == "change_cross_tp") {
+      const NodePtr cross = next_nodes.empty() ? nullptr : next_nodes[0];
+      const bool made_inside = pre && in_pass(pre) && !ir.is_input(t_name);
+      const bool rework = made_inside && cross && next_nodes.size() == 1 &&
+                          !ir.is_output(t_name) && ir.next_nodes(*cross).size() == 1 &&
+                          !ir.is_output(cross->output[0]);
+      if (rework) {
+        ir.set_shape(t_name, new_shape, false);
+        const Perm new_perm = take(take(perm_for_next, _func_tp_perm(ir, *cross)), most_perm);
+        remove_node(cross);
+        if (ascending(new_perm)) {
+          _pass_tp(ir, *cross, t_name);
+        } else {
+          OpSpec opts;
+          opts.outputs = cross->output.names();
+          opts.attrs = {perm_attr(new_perm)};
+          g.op("Transpose", {t_name}, opts);
+          ir.set_shape(cross->output[0], take(new_shape, new_perm), false);
+        }
+        continue;
+      }
+      // t_name keeps the old layout for the crossing Transpose and whoever
+      // else reads it; the mesh reads a copy in the new layout.
+      std::string src_new;
+      if (made_inside) {
+        OpSpec opts;
+        opts.outputs = {t_name};
+        opts.attrs = {perm_attr(perm_for_next)};
+        src_new = g.op("Transpose", {Absent{}}, opts);
+        replace_output(*pre, t_name, src_new);
+        ir.set_shape(src_new, new_shape, false, ir.get_dtype(t_name));
+      } else {
+        src_new = transpose_op(t_name, most_perm);
+      }
+      for (const NodePtr& nod : next_nodes)
+        if (in_pass(nod)) replace_input(*nod, t_name, src_new);
+      for (const NodePtr& tp : next_nodes) {
+        if (tp->op_type != "Transpose" || !has(res.change_cross_tp, tp->name)) continue;
+        const std::string tp_out = tp->output[0];
+        const NodeList readers = ir.next_nodes(*tp);
+        const std::string back = transpose_op(tp_out, most_perm);
+        for (const NodePtr& r : readers)
+          if (in_pass(r)) replace_input(*r, tp_out, back);
+      }
+    } else if (type == "insert_tp_for_next") {
+      const std::string new_in = transpose_op(t_name, perm_for_next);
+      Node& back = *g.nodes.back();
+      back.input.set(0, new_in);
+      back.output.set(0, t_name);
+      if (pre) replace_output(*pre, t_name, new_in);
+      for (const NodePtr& nod : next_nodes) {
+        if (in_pass(nod)) {
+          replace_input(*nod, t_name, new_in);
+        } else if (nod->op_type == "Transpose" &&
+                   check_equivalent_perm_for_tp(ir, t_name, _func_tp_perm(ir, *nod), most_perm)) {
+          remove_node(nod);
+          if (ir.is_output(nod->output[0])) {
+            OpSpec opts;
+            opts.outputs = nod->output.names();
+            g.op("Identity", {new_in}, opts);
+          }
+          _pass_tp(ir, *nod, new_in);
+        }
+      }
+      ir.set_shape(new_in, new_shape, false, ir.get_dtype(t_name));
+    } else if (type == "unchanged") {
+      for (const NodePtr& nod : next_nodes) {
+        if (nod->op_type == "Transpose") {
+          fix_consumer(nod, t_name);
+        } else if (nod->op_type == "Reshape") {
+          const std::string rs_out = nod->output[0];
+          const NodeList rs_next = ir.next_nodes(rs_out);
+          if (rs_next.size() != 1 || rs_next[0]->op_type != "Transpose") continue;
+          const Shape rs_in_shape = ir.get_shape(nod->input[0]);
+          const Shape rs_out_shape = ir.get_shape(rs_out);
+          const ReshapeCarry carry = rs_in_shape == rs_out_shape
+                                         ? ReshapeCarry{}
+                                         : _func_carry_reshape(rs_in_shape, rs_out_shape,
+                                                               _func_tp_perm(ir, *rs_next[0]),
+                                                               most_perm);
+          if (!carry.ok || carry.new_tp_out != ir.get_shape(rs_next[0]->output[0])) {
+            tolmLog::w("Meet confuse case, this may lead to error");
+            continue;
+          }
+          ir.set_shape(rs_out, carry.new_rs_out, false);
+          set_node_const(ir, *nod, 1, NDArray::from_i64(carry.new_rs_out));
+          ir.set_attr(*rs_next[0], perm_attr(carry.new_rs_next_tp_perm));
+        }
+      }
+      ir.set_shape(t_name, new_shape, false);
+    } else if (type.rfind("mount:", 0) == 0) {
+      const std::string mount_tp = type.substr(6);
+      const NodePtr from_tp = ir.producer(mount_tp);
+      if (!from_tp) continue;
+      remove_node(from_tp);
+      // Re-created so that it is placed ahead of the mesh nodes that now read it.
+      g.nodes.push_back(from_tp->clone());
+      for (const NodePtr& tp : ir.next_nodes(from_tp->input[0])) {
+        if (tp == from_tp || tp->op_type != "Transpose") continue;
+        if (!check_equivalent_perm_for_tp(ir, from_tp->input[0], _func_tp_perm(ir, *tp), most_perm))
+          continue;
+        remove_node(tp);
+        if (ir.is_output(tp->output[0])) {
+          OpSpec opts;
+          opts.outputs = tp->output.names();
+          g.op("Identity", {mount_tp}, opts);
+        }
+        _pass_tp(ir, *tp, mount_tp);
+      }
+      for (const NodePtr& nod : next_nodes)
+        if (in_pass(nod)) replace_input(*nod, t_name, mount_tp);
+    } else if (type == "remove_top_tp") {
+      if (!pre) continue;
+      remove_node(pre);
+      const std::string src = pre->input[0];
+      for (const NodePtr& nod : next_nodes) {
+        replace_input(*nod, t_name, src);
+        if (nod->op_type == "Transpose") {
+          const Perm perm = _func_tp_perm(ir, *nod);
+          if (check_equivalent_perm_for_tp(ir, t_name, perm, most_perm))
+            tolmLog::e("rduce op in mesh: remove_top_tp error");
+          ir.set_attr(*nod, perm_attr(take(perm_for_next, perm)));
+        }
+      }
+    } else if (type == "bypass_top_tp") {
+      if (!pre) continue;
+      for (const NodePtr& nod : next_nodes)
+        if (in_pass(nod)) replace_input(*nod, t_name, pre->input[0]);
+    } else if (type == "merge_top_tp") {
+      if (!pre) continue;
+      ir.set_attr(*pre, perm_attr(take(_func_tp_perm(ir, *pre), most_perm)));
+      ir.set_shape(t_name, new_shape, false);
+      for (const NodePtr& nod : next_nodes)
+        if (nod->op_type == "Transpose") fix_consumer(nod, t_name);
+    } else if (type == "insert_tp") {
+      const std::string out = transpose_op(t_name, most_perm);
+      for (const NodePtr& nod : next_nodes)
+        if (in_pass(nod)) replace_input(*nod, t_name, out);
+    } else if (type == "merge_top_rs") {
+      if (!pre || pre->input.size() < 2) continue;
+      ir.set_shape(t_name, new_shape, false);
+      set_node_const(ir, *pre, 1, NDArray::from_i64(new_shape));
+      for (const NodePtr& nod : next_nodes)
+        if (nod->op_type == "Transpose") fix_consumer(nod, t_name);
+    } else if (type == "merge_bottom_rs") {
+      ir.set_shape(t_name, new_shape, false);
+    }
+  }
+
+  // Inner tensors take the new layout; constants are stored in it.
+  for (const std::string& _t : tp_free_tensors) {
+    if (has(tp_block_tensors, _t)) continue;
+    if (ir.is_const(_t)) {
+      const NDArray data = *ir.get_const(_t);
+      if (data.size() <= 1 || data.ndim() != most_perm.size()) continue;
+      const NDArray moved = transpose_const(data, most_perm);
+      bool shared = ir.is_output(_t);
+      for (const NodePtr& n : ir.next_nodes(_t))
+        if (!in_pass(n)) shared = true;
+      if (!shared) {
+        ir.set_const(_t, moved);
+        ir.set_shape(_t, moved.shape(), false, moved.dtype());
+      } else {
+        // Readers outside the mesh keep the constant as it was.
+        const std::string fresh = oper_name_join(ir, _t, "_mesh");
+        ir.set_const(fresh, moved);
+        ir.set_shape(fresh, moved.shape(), false, moved.dtype());
+        for (const NodePtr& n : ir.next_nodes(_t))
+          if (in_pass(n)) replace_input(*n, _t, fresh);
+      }
+    } else {
+      const Shape shape = ir.get_shape(_t);
+      if (shape.size() == most_perm.size()) ir.set_shape(_t, new_shape_of(shape), false);
+    }
+  }
+
+  // Parameters that name axes follow the layout.
+  if (!param_changed_ops.empty()) {
+    const NodeList all = ir.node();
+    const int64_t rank = static_cast<int64_t>(most_perm.size());
+    auto new_axis = [&](int64_t a) { return index_of(most_perm, a < 0 ? a + rank : a); };
+    for (const NodePtr& nod : all) {
+      if (!has(param_changed_ops, nod->name)) continue;
+      const std::string& op = nod->op_type;
+      if (op == "Split" || op == "Concat" || op == "exSoftmax13" || op == "LogSoftmax" ||
+          op == "ArgMax" || op == "ArgMin" || op == "Gather" || op == "exGlu") {
+        NodePtr target = nod;
+        if (has_node(rm_ops, nod))
+          for (const NodePtr& n : g.nodes)
+            if (n->name == nod->name) target = n;
+        const int64_t axis = IR::get_attr_int(*target, "axis").value_or(default_axis(op));
+        ir.set_attr(*target, Attr::make_int("axis", new_axis(axis)));
+      } else if (op == "ReduceMax" || op == "Slice") {
+        const size_t axes_in_idx = op == "Slice" ? 3 : 1;
+        const NDArray* axes = ir.get_const_optional(*nod, axes_in_idx);
+        if (!axes) continue;
+        std::vector<int64_t> moved;
+        for (int64_t a : axes->to_i64()) moved.push_back(new_axis(a));
+        set_node_const(ir, *nod, axes_in_idx,
+                       NDArray::from_i64(moved, axes->shape(), axes->dtype()));
+      } else if (op == "Expand") {
+        const NDArray* target_shape = ir.get_const_optional(*nod, 1);
+        if (!target_shape) continue;
+        std::vector<int64_t> dims = target_shape->to_i64();
+        // A shorter target broadcasts from the right: align it to the mesh rank first.
+        if (static_cast<int64_t>(dims.size()) < rank)
+          dims.insert(dims.begin(), static_cast<size_t>(rank) - dims.size(), 1);
+        const std::vector<int64_t> moved = take(dims, most_perm);
+        set_node_const(ir, *nod, 1,
+                       NDArray::from_i64(moved, {static_cast<int64_t>(moved.size())},
+                                         target_shape->dtype()));
+      }
+    }
+  }
+
+  out.remove = std::move(rm_ops);
+  out.add = std::move(g.nodes);
+  return out;
+}
+
+RuleResult _p_reduce_tp_in_mesh(IR& ir, const NodeList& nodes, QuantTable* quant_tab) {
+  MeshResult r = _p_reduce_tp_in_mesh(ir, nodes, quant_tab, "forward", {});
+  return {std::move(r.remove), std::move(r.add)};
+}
+
+RuleResult _p_reduce_tp_in_mesh_forward(IR& ir, const NodeList& nodes, QuantTable* quant_tab) {
+  return retry_mesh(ir, nodes, quant_tab, "forward");
+}
+
+RuleResult _p_reduce_tp_in_mesh_backward(IR& ir, const NodeList& nodes, QuantTable* quant_tab) {
+  return retry_mesh(ir, nodes, quant_tab, "backward");
+}
+
+}  // namespace tolm

@@ -1,0 +1,145 @@
+"""The tolm-reduce command: example run, reports, checks and bad input."""
+
+import json
+
+import numpy as np
+import onnx
+import pytest
+from onnx import helper
+
+from conftest import make_model, run_cli
+from tolm import cli
+from tolm.examples import example_model
+
+
+def test_example_run_prints_table_and_writes_model(tmp_path):
+    out = tmp_path / "ex.onnx"
+    res = run_cli("-o", str(out), "--check", "2")
+    assert res.returncode == 0, res.stderr
+    assert "op type" in res.stdout and "total" in res.stdout and "check: passed" in res.stdout
+    reduced = onnx.load(str(out))
+    onnx.checker.check_model(reduced, full_check=True)
+    assert [o.name for o in reduced.graph.output] == ["logits", "features"]
+    assert len(reduced.graph.node) < len(example_model().graph.node)
+
+
+def test_report_json(tmp_path, tmp_model):
+    path = tmp_model(example_model())
+    report_path = tmp_path / "r.json"
+    assert cli.main([path, "-o", str(tmp_path / "o.onnx"), "--report", str(report_path), "--check", "1"]) == 0
+    report = json.loads(report_path.read_text())
+    assert report["nodes_before"] == sum(report["ops_before"].values())
+    assert report["nodes_after"] == sum(report["ops_after"].values())
+    assert report["nodes_after"] < report["nodes_before"]
+    assert sum(report["fired"].values()) == report["rewrites"]
+    assert set(report["times"]) >= {"load", "reduce", "save"}
+    assert report["check"]["status"] == "passed" and report["check"]["rtol"] == 1e-4
+
+
+def test_input_shape_option(tmp_path, tmp_model):
+    m = make_model(
+        [("Reshape", ["x", "s"], ["r"]), ("Relu", ["r"], ["y"])],
+        inputs={"x": ["N", 4]},
+        outputs={"y": None},
+        consts={"s": [-1, 4]},
+    )
+    out = tmp_path / "o.onnx"
+    assert cli.main([tmp_model(m), "-o", str(out), "--input-shape", "x:3,4", "--check", "1"]) == 0
+    dims = [d.dim_value for d in onnx.load(str(out)).graph.input[0].type.tensor_type.shape.dim]
+    assert dims == [3, 4]
+
+
+def bad_models(tmp_path):
+    def vi(n):
+        return helper.make_tensor_value_info(n, onnx.TensorProto.FLOAT, [2])
+
+    def save(name, graph):
+        p = tmp_path / name
+        p.write_bytes(helper.make_model(graph).SerializeToString())
+        return str(p)
+
+    cycle = helper.make_graph(
+        [helper.make_node("Add", ["x", "b"], ["a"]), helper.make_node("Relu", ["a"], ["b"])], "c", [vi("x")], [vi("b")]
+    )
+    twice = helper.make_graph(
+        [helper.make_node("Relu", ["x"], ["y"]), helper.make_node("Neg", ["x"], ["y"])], "d", [vi("x")], [vi("y")]
+    )
+    text = tmp_path / "text.onnx"
+    text.write_text("this is not a model\n")
+    trunc = tmp_path / "trunc.onnx"
+    trunc.write_bytes(example_model().SerializeToString()[:300])
+    out = ["-o", str(tmp_path / "out.onnx")]
+    return {
+        "missing": [str(tmp_path / "nope.onnx"), *out],
+        "not onnx": [str(text), *out],
+        "truncated": [str(trunc), *out],
+        "cycle": [save("cycle.onnx", cycle), *out],
+        "two producers": [save("twice.onnx", twice), *out],
+        "bad input shape": ["--input-shape", "image1,3"],
+        "bad input dims": ["--input-shape", "image:1,x,3"],
+        "unknown input": ["--input-shape", "nosuch:1,3,16,16"],
+        "bad target": ["--target", "npu_x"],
+        "no output path": [str(trunc)],
+    }
+
+
+@pytest.mark.parametrize(
+    "case, says",
+    [
+        ("missing", "no such file"),
+        ("not onnx", "not an ONNX model"),
+        ("truncated", "not an ONNX model"),
+        ("cycle", "cycle"),
+        ("two producers", "two producers"),
+        ("bad input shape", "--input-shape"),
+        ("bad input dims", "--input-shape"),
+        ("unknown input", "nosuch"),
+        ("bad target", "npu_x"),
+        ("no output path", "-o/--output"),
+    ],
+)
+def test_bad_input_exits_2_with_one_line(tmp_path, capsys, case, says):
+    assert cli.main(bad_models(tmp_path)[case]) == 2
+    lines = capsys.readouterr().err.strip().splitlines()
+    assert len(lines) == 1 and lines[0].startswith("tolm-reduce: error: "), lines
+    assert says in lines[0]
+
+
+def test_bad_input_as_a_process(tmp_path):
+    # The real command: exit status and stderr as a shell sees them.
+    res = run_cli(*bad_models(tmp_path)["cycle"])
+    assert res.returncode == 2
+    assert res.stderr.startswith("tolm-reduce: error: ") and res.stderr.count("\n") == 1
+    assert "Traceback" not in res.stderr
+
+
+def test_failed_check_exits_1(tmp_path, tmp_model, monkeypatch):
+    # A reduction that changes numbers must be caught by --check.
+    import tolm
+
+    real = tolm.reduce
+
+    def broken(model, **kw):
+        reduced, report = real(model, **kw)
+        bad = onnx.ModelProto()
+        bad.CopyFrom(reduced)
+        w = next(i for i in bad.graph.initializer if i.name == "w2")
+        arr = onnx.numpy_helper.to_array(w) * 1.5
+        w.CopyFrom(onnx.numpy_helper.from_array(arr.astype(np.float32), "w2"))
+        from tolm.check import check_models
+
+        report["check"] = check_models(example_model(), bad, runs=kw.get("check", 1))
+        return bad, report
+
+    monkeypatch.setattr(tolm, "reduce", broken)
+    assert cli.main(["--check", "1"]) == 1
+
+
+def test_unrunnable_ops_are_not_checked(tmp_path, tmp_model, capsys):
+    m = make_model(
+        [("exSwish", ["x"], ["s"]), ("Relu", ["s"], ["y"])],
+        inputs={"x": [2, 3]},
+        outputs={"y": [2, 3]},
+    )
+    assert cli.main([tmp_model(m), "-o", str(tmp_path / "o.onnx"), "--check", "1"]) == 0
+    assert "not checked: model holds operators onnxruntime cannot run: exSwish" in capsys.readouterr().out
