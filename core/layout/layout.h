@@ -124,4 +124,8 @@ RuleResult _p_reduce_tp_in_mesh_forward(IR& ir, const NodeList& nodes, QuantTabl
 // Mesh reduction seeded with the Transpose's input, retried with refused nodes excluded.
 RuleResult _p_reduce_tp_in_mesh_backward(IR& ir, const NodeList& nodes, QuantTable* quant_tab);
 
+// The nodes of the graph with these names, each once, in graph order: found
+// through the name index, so the cost follows the list, not the graph.
+NodeList _func_nodes_named(const IR& ir, const std::vector<std::string>& names);
+
 }  // namespace tolm

@@ -498,7 +498,7 @@ MeshResult _p_reduce_tp_in_mesh(IR& ir, const NodeList& nodes, QuantTable* /*qua
 
   // Parameters that name axes follow the layout.
   if (!param_changed_ops.empty()) {
-    const NodeList all = ir.node();
+    const NodeList all = _func_nodes_named(ir, param_changed_ops);
     const int64_t rank = static_cast<int64_t>(most_perm.size());
     auto new_axis = [&](int64_t a) { return index_of(most_perm, a < 0 ? a + rank : a); };
     for (const NodePtr& nod : all) {

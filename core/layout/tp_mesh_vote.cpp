@@ -347,9 +347,8 @@ OptResult _func_compute_opt_result(IR& ir, const Names& tp_free_op_type,
   const Names& param_changed_ops = pass.second;
   Names tp_change_unsupport_op;
   if (!param_changed_ops.empty()) {
-    for (const NodePtr& nod : ir.node())
-      if (has(param_changed_ops, nod->name))
-        check_follow(ir, *nod, most_perm, tp_free_tensors, tp_change_unsupport_op);
+    for (const NodePtr& nod : _func_nodes_named(ir, param_changed_ops))
+      check_follow(ir, *nod, most_perm, tp_free_tensors, tp_change_unsupport_op);
   }
   if (!tp_change_unsupport_op.empty()) {
     OptResult refused;
@@ -482,6 +481,18 @@ OptResult _func_compute_opt_result(IR& ir, const Names& tp_free_op_type,
 
   res.most_perm = most_perm;
   return res;
+}
+
+NodeList _func_nodes_named(const IR& ir, const std::vector<std::string>& names) {
+  NodeList out;
+  for (const std::string& name : names) {
+    NodePtr n = ir.find_node(name);
+    if (n && std::find(out.begin(), out.end(), n) == out.end()) out.push_back(std::move(n));
+  }
+  std::sort(out.begin(), out.end(), [](const NodePtr& a, const NodePtr& b) {
+    return a->order() != b->order() ? a->order() < b->order() : a->uid() < b->uid();
+  });
+  return out;
 }
 
 }  // namespace tolm
