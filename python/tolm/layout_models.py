@@ -41,7 +41,7 @@ def channels_last_cnn(blocks: int, channels: int = 8, size: int = 8, seed: int =
         t = b.node("Conv", [t, b.weight(p + "w", (c, c, 3, 3)), b.weight(p + "cb", (c,))], [p + "conv"],
                    p + "conv", pads=[1, 1, 1, 1], kernel_shape=[3, 3])
         t = b.node("Transpose", [t], [p + "nhwc"], p + "to_nhwc", perm=[0, 2, 3, 1])
-        t = b.node("Mul", [t, b.weight(p + "scale", (1, 1, 1, c), 1.0)], [p + "scaled"], p + "scale")
+        t = b.node("Mul", [t, b.weight(p + "scale", (1, 1, 1, c), 0.05)], [p + "scaled"], p + "scale")
         t = b.node("Add", [t, b.weight(p + "shift", (1, 1, 1, c))], [p + "shifted"], p + "shift")
         g = b.node("Sigmoid", [t], [p + "gate"], p + "sigmoid")
         t = b.node("Mul", [t, g], [p + "gated"], p + "gated")
