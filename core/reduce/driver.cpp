@@ -427,8 +427,28 @@ int64_t prune_dead(IR& ir) {
   return removed;
 }
 
+int64_t make_reshape_shapes_explicit(IR& ir) {
+  int64_t changed = 0;
+  for (const NodePtr& n : ir.node()) {
+    if (n->op_type != "Reshape" || n->input.size() < 2) continue;
+    if (IR::get_attr_int(*n, "allowzero").value_or(0) != 0) continue;
+    const NDArray* target = ir.get_const(n->input[1]);
+    if (!target || !ir.has_shape(n->output[0])) continue;
+    const std::vector<int64_t> dims = target->to_i64();
+    if (std::find(dims.begin(), dims.end(), 0) == dims.end()) continue;
+    const Shape out = ir.get_shape(n->output[0]);
+    if (out.size() != dims.size()) continue;
+    const std::string name = ir.unique_tensor_name(n->input[1] + "_explicit");
+    ir.set_const(name, NDArray::from_i64(out));
+    ir.set_input(*n, 1, name);
+    ++changed;
+  }
+  return changed;
+}
+
 DriverStats run_tables(IR& ir, const std::vector<Row>& first, const std::vector<Row>& second,
                        QuantTable* quant_tab, const DriverOptions& options) {
+  make_reshape_shapes_explicit(ir);
   DriverStats stats = Driver(ir, first, second, quant_tab, options).run();
   if (options.prune) stats.pruned_nodes += prune_dead(ir);
   return stats;

@@ -44,6 +44,12 @@ RuleResult try_row(IR& ir, const Row& row, const NodePtr& anchor, QuantTable* qu
 // tensors their shapes and element types.
 void apply_result(IR& ir, const RuleResult& result);
 
+// A 0 in a Reshape's target shape copies the dimension of the Reshape's input;
+// once a rule hands the Reshape another input, that dimension is another one.
+// Before the tables run, every such target with a known output shape becomes
+// the explicit shape. Returns how many Reshape nodes changed.
+int64_t make_reshape_shapes_explicit(IR& ir);
+
 // Removes nodes none of whose outputs is used or is a graph output, and
 // constants no node reads; graph inputs and outputs are never touched.
 int64_t prune_dead(IR& ir);

@@ -243,3 +243,31 @@ TEST(Driver, TablesHaveTheirRowsAndEveryRowANamedProcedure) {
 
 }  // namespace
 }  // namespace tolm
+
+namespace tolm {
+namespace {
+using namespace testing_dsl;
+
+TEST(Driver, ZeroInAReshapeTargetSurvivesFusingThePair) {
+  // [40, 360] -> [1, 40, 360] -> [0, 40, 3, 8, 15]: the 0 copies the 1 of the
+  // middle tensor, not the 40 of the first input.
+  TestGraph t;
+  t.input("x", {40, 360});
+  t.const_i64("s1", {1, 40, 360});
+  t.const_i64("s2", {0, 40, 3, 8, 15});
+  t.node("Reshape", {"x", "s1"}, {"a"});
+  t.shape("a", {1, 40, 360});
+  t.node("Reshape", {"a", "s2"}, {"b"});
+  t.shape("b", {1, 40, 3, 8, 15});
+  t.node("Relu", {"b"}, {"y"});
+  t.shape("y", {1, 40, 3, 8, 15});
+  t.output("y");
+  run_reduce(t.ir, nullptr);
+  NodePtr rs = t.producer("b");
+  ASSERT_NE(rs, nullptr);
+  EXPECT_EQ(rs->input[0], "x");
+  EXPECT_EQ(t.ir.get_const(rs->input[1])->to_i64(), (ints{1, 40, 3, 8, 15}));
+}
+
+}  // namespace
+}  // namespace tolm
