@@ -15,6 +15,7 @@ namespace testutil {
 
 // A dimension below 0 is written as the symbolic dimension "N".
 using Dims = std::vector<int64_t>;
+using AP = onnx::AttributeProto;
 
 inline void set_type(onnx::TypeProto* type, int32_t elem, const std::optional<Dims>& dims) {
   auto* tt = type->mutable_tensor_type();
@@ -35,91 +36,52 @@ inline onnx::ValueInfoProto make_vi(const std::string& name, int32_t elem, const
   return vi;
 }
 
-inline onnx::AttributeProto attr_i(const std::string& n, int64_t v) {
-  onnx::AttributeProto a;
+inline AP attr(const std::string& n, AP::AttributeType type) {
+  AP a;
   a.set_name(n);
-  a.set_type(onnx::AttributeProto::INT);
-  a.set_i(v);
+  a.set_type(type);
   return a;
 }
-inline onnx::AttributeProto attr_f(const std::string& n, float v) {
-  onnx::AttributeProto a;
-  a.set_name(n);
-  a.set_type(onnx::AttributeProto::FLOAT);
-  a.set_f(v);
-  return a;
+// clang-format off
+inline AP attr_i(const std::string& n, int64_t v) { AP a = attr(n, AP::INT); a.set_i(v); return a; }
+inline AP attr_f(const std::string& n, float v) { AP a = attr(n, AP::FLOAT); a.set_f(v); return a; }
+inline AP attr_s(const std::string& n, const std::string& v) { AP a = attr(n, AP::STRING); a.set_s(v); return a; }
+inline AP attr_t(const std::string& n, const onnx::TensorProto& v) { AP a = attr(n, AP::TENSOR); *a.mutable_t() = v; return a; }
+inline AP attr_g(const std::string& n, const onnx::GraphProto& v) { AP a = attr(n, AP::GRAPH); *a.mutable_g() = v; return a; }
+inline AP attr_ints(const std::string& n, const std::vector<int64_t>& v) {
+  AP a = attr(n, AP::INTS); for (int64_t x : v) a.add_ints(x); return a;
 }
-inline onnx::AttributeProto attr_s(const std::string& n, const std::string& v) {
-  onnx::AttributeProto a;
-  a.set_name(n);
-  a.set_type(onnx::AttributeProto::STRING);
-  a.set_s(v);
-  return a;
+inline AP attr_floats(const std::string& n, const std::vector<float>& v) {
+  AP a = attr(n, AP::FLOATS); for (float x : v) a.add_floats(x); return a;
 }
-inline onnx::AttributeProto attr_ints(const std::string& n, const std::vector<int64_t>& v) {
-  onnx::AttributeProto a;
-  a.set_name(n);
-  a.set_type(onnx::AttributeProto::INTS);
-  for (int64_t x : v) a.add_ints(x);
-  return a;
+inline AP attr_strings(const std::string& n, const std::vector<std::string>& v) {
+  AP a = attr(n, AP::STRINGS); for (const auto& x : v) a.add_strings(x); return a;
 }
-inline onnx::AttributeProto attr_floats(const std::string& n, const std::vector<float>& v) {
-  onnx::AttributeProto a;
-  a.set_name(n);
-  a.set_type(onnx::AttributeProto::FLOATS);
-  for (float x : v) a.add_floats(x);
-  return a;
-}
-inline onnx::AttributeProto attr_strings(const std::string& n, const std::vector<std::string>& v) {
-  onnx::AttributeProto a;
-  a.set_name(n);
-  a.set_type(onnx::AttributeProto::STRINGS);
-  for (const auto& x : v) a.add_strings(x);
-  return a;
-}
-inline onnx::AttributeProto attr_t(const std::string& n, const onnx::TensorProto& t) {
-  onnx::AttributeProto a;
-  a.set_name(n);
-  a.set_type(onnx::AttributeProto::TENSOR);
-  *a.mutable_t() = t;
-  return a;
-}
-inline onnx::AttributeProto attr_g(const std::string& n, const onnx::GraphProto& g) {
-  onnx::AttributeProto a;
-  a.set_name(n);
-  a.set_type(onnx::AttributeProto::GRAPH);
-  *a.mutable_g() = g;
-  return a;
-}
+// clang-format on
 
+// Float (typed data when `raw` is false) or int64 tensors, raw data by default.
+template <typename T>
+onnx::TensorProto tensor_of(const std::string& name, const Dims& dims, const std::vector<T>& v, bool raw = true) {
+  onnx::TensorProto t;
+  t.set_name(name);
+  t.set_data_type(sizeof(T) == 4 ? onnx::TensorProto::FLOAT : onnx::TensorProto::INT64);
+  for (int64_t d : dims) t.add_dims(d);
+  if (raw) t.set_raw_data(std::string(reinterpret_cast<const char*>(v.data()), v.size() * sizeof(T)));
+  else
+    for (T x : v) sizeof(T) == 4 ? t.add_float_data(static_cast<float>(x)) : t.add_int64_data(static_cast<int64_t>(x));
+  return t;
+}
 inline onnx::TensorProto tensor_f32(const std::string& name, const Dims& dims, const std::vector<float>& v,
                                     bool raw = true) {
-  onnx::TensorProto t;
-  t.set_name(name);
-  t.set_data_type(onnx::TensorProto::FLOAT);
-  for (int64_t d : dims) t.add_dims(d);
-  if (raw) t.set_raw_data(std::string(reinterpret_cast<const char*>(v.data()), v.size() * sizeof(float)));
-  else
-    for (float x : v) t.add_float_data(x);
-  return t;
+  return tensor_of<float>(name, dims, v, raw);
 }
-
-inline onnx::TensorProto tensor_i64(const std::string& name, const Dims& dims, const std::vector<int64_t>& v,
-                                    bool raw = true) {
-  onnx::TensorProto t;
-  t.set_name(name);
-  t.set_data_type(onnx::TensorProto::INT64);
-  for (int64_t d : dims) t.add_dims(d);
-  if (raw) t.set_raw_data(std::string(reinterpret_cast<const char*>(v.data()), v.size() * sizeof(int64_t)));
-  else
-    for (int64_t x : v) t.add_int64_data(x);
-  return t;
+inline onnx::TensorProto tensor_i64(const std::string& name, const Dims& dims, const std::vector<int64_t>& v) {
+  return tensor_of<int64_t>(name, dims, v);
 }
 
 inline onnx::NodeProto make_node(const std::string& op, const std::vector<std::string>& ins,
                                  const std::vector<std::string>& outs, const std::string& name = "",
-                                 const std::vector<onnx::AttributeProto>& attrs = {},
-                                 const std::string& domain = "") {
+                                 const std::vector<AP>& attrs = {}, const std::string& domain = "") {
   onnx::NodeProto n;
   n.set_op_type(op);
   if (!name.empty()) n.set_name(name);
@@ -161,10 +123,8 @@ struct ModelBuilder {
   }
   onnx::NodeProto* node(const std::string& op, const std::vector<std::string>& ins,
                         const std::vector<std::string>& outs, const std::string& name = "",
-                        const std::vector<onnx::AttributeProto>& attrs = {}, const std::string& domain = "") {
-    onnx::NodeProto* n = g()->add_node();
-    *n = make_node(op, ins, outs, name, attrs, domain);
-    return n;
+                        const std::vector<AP>& attrs = {}, const std::string& domain = "") {
+    return &(*g()->add_node() = make_node(op, ins, outs, name, attrs, domain));
   }
   std::string bytes() const { return m.SerializeAsString(); }
 };

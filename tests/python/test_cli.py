@@ -50,56 +50,41 @@ def test_input_shape_option(tmp_path, tmp_model):
 
 
 def bad_models(tmp_path):
-    def vi(n):
-        return helper.make_tensor_value_info(n, onnx.TensorProto.FLOAT, [2])
+    """Case name -> (command line, text the one-line error must hold)."""
+    vi = lambda n: helper.make_tensor_value_info(n, onnx.TensorProto.FLOAT, [2])  # noqa: E731
 
-    def save(name, graph):
+    def save(name, *nodes):
         p = tmp_path / name
+        graph = helper.make_graph([helper.make_node(*n) for n in nodes], "g", [vi("x")], [vi(nodes[-1][2][0])])
         p.write_bytes(helper.make_model(graph).SerializeToString())
         return str(p)
 
-    cycle = helper.make_graph(
-        [helper.make_node("Add", ["x", "b"], ["a"]), helper.make_node("Relu", ["a"], ["b"])], "c", [vi("x")], [vi("b")]
-    )
-    twice = helper.make_graph(
-        [helper.make_node("Relu", ["x"], ["y"]), helper.make_node("Neg", ["x"], ["y"])], "d", [vi("x")], [vi("y")]
-    )
-    text = tmp_path / "text.onnx"
+    text, trunc = tmp_path / "text.onnx", tmp_path / "trunc.onnx"
     text.write_text("this is not a model\n")
-    trunc = tmp_path / "trunc.onnx"
     trunc.write_bytes(example_model().SerializeToString()[:300])
     out = ["-o", str(tmp_path / "out.onnx")]
     return {
-        "missing": [str(tmp_path / "nope.onnx"), *out],
-        "not onnx": [str(text), *out],
-        "truncated": [str(trunc), *out],
-        "cycle": [save("cycle.onnx", cycle), *out],
-        "two producers": [save("twice.onnx", twice), *out],
-        "bad input shape": ["--input-shape", "image1,3"],
-        "bad input dims": ["--input-shape", "image:1,x,3"],
-        "unknown input": ["--input-shape", "nosuch:1,3,16,16"],
-        "bad target": ["--target", "npu_x"],
-        "no output path": [str(trunc)],
+        "missing": ([str(tmp_path / "nope.onnx"), *out], "no such file"),
+        "not onnx": ([str(text), *out], "not an ONNX model"),
+        "truncated": ([str(trunc), *out], "not an ONNX model"),
+        "cycle": ([save("c.onnx", ("Add", ["x", "b"], ["a"]), ("Relu", ["a"], ["b"])), *out], "cycle"),
+        "two producers": ([save("d.onnx", ("Relu", ["x"], ["y"]), ("Neg", ["x"], ["y"])), *out], "two producers"),
+        "bad input shape": (["--input-shape", "image1,3"], "--input-shape"),
+        "bad input dims": (["--input-shape", "image:1,x,3"], "--input-shape"),
+        "unknown input": (["--input-shape", "nosuch:1,3,16,16"], "nosuch"),
+        "bad target": (["--target", "npu_x"], "npu_x"),
+        "no output path": ([str(trunc)], "-o/--output"),
     }
 
 
-@pytest.mark.parametrize(
-    "case, says",
-    [
-        ("missing", "no such file"),
-        ("not onnx", "not an ONNX model"),
-        ("truncated", "not an ONNX model"),
-        ("cycle", "cycle"),
-        ("two producers", "two producers"),
-        ("bad input shape", "--input-shape"),
-        ("bad input dims", "--input-shape"),
-        ("unknown input", "nosuch"),
-        ("bad target", "npu_x"),
-        ("no output path", "-o/--output"),
-    ],
-)
-def test_bad_input_exits_2_with_one_line(tmp_path, capsys, case, says):
-    assert cli.main(bad_models(tmp_path)[case]) == 2
+CASES = ["missing", "not onnx", "truncated", "cycle", "two producers", "bad input shape", "bad input dims",
+         "unknown input", "bad target", "no output path"]
+
+
+@pytest.mark.parametrize("case", CASES)
+def test_bad_input_exits_2_with_one_line(tmp_path, capsys, case):
+    args, says = bad_models(tmp_path)[case]
+    assert cli.main(args) == 2
     lines = capsys.readouterr().err.strip().splitlines()
     assert len(lines) == 1 and lines[0].startswith("tolm-reduce: error: "), lines
     assert says in lines[0]
@@ -107,7 +92,7 @@ def test_bad_input_exits_2_with_one_line(tmp_path, capsys, case, says):
 
 def test_bad_input_as_a_process(tmp_path):
     # The real command: exit status and stderr as a shell sees them.
-    res = run_cli(*bad_models(tmp_path)["cycle"])
+    res = run_cli(*bad_models(tmp_path)["cycle"][0])
     assert res.returncode == 2
     assert res.stderr.startswith("tolm-reduce: error: ") and res.stderr.count("\n") == 1
     assert "Traceback" not in res.stderr
