@@ -484,6 +484,116 @@ TEST(MeshFeasibility, PointwiseConvFollowsASwapOfHeightAndWidth) {
   EXPECT_EQ(t.ir.get_const("w")->shape(), (Shape{2, 4, 1, 1}));  // weights are no mesh tensor
 }
 
+TEST(MeshFeasibility, GatherOnConstantDataRefusesToJumpOverRealAxes) {
+  // NCHW sandwich: the vote gives 0,2,3,1, so the Gather's axis 1 becomes 3.
+  // Moving constant data that far is refused unless the axes it jumps over
+  // are of size 1.
+  for (const bool jump_over_ones : {true, false}) {
+    SCOPED_TRACE(jump_over_ones);
+    TestGraph t;
+    const Shape data_shape = jump_over_ones ? Shape{1, 5, 1, 1} : Shape{1, 5, 3, 4};
+    std::vector<double> vals(jump_over_ones ? 5 : 60, 0.25);
+    t.input("x", {1, 3, 4, 2}).const_f32("gd", vals, data_shape).const_i64("gi", {0});
+    auto tp_in = t.node("Transpose", {"x"}, {"a"}, {{"perm", kToNchw}}, "tp_in");
+    t.node("Gather", {"gd", "gi"}, {"g"}, {{"axis", 1}}, "gather");
+    t.node("Add", {"a", "g"}, {"b"});
+    t.node("Transpose", {"b"}, {"y"}, {{"perm", kToNhwc}}, "tp_out");
+    t.shape("a", {1, 2, 3, 4}).shape("b", {1, 2, 3, 4}).shape("y", {1, 3, 4, 2}).output("y");
+    t.shape("g", jump_over_ones ? Shape{1, 1, 1, 1} : Shape{1, 1, 3, 4});
+
+    MeshResult first = _p_reduce_tp_in_mesh(t.ir, {tp_in}, nullptr, "forward", {});
+    if (jump_over_ones) {
+      EXPECT_FALSE(first.has_unsupported);
+      EXPECT_FALSE(first.remove.empty());
+      EXPECT_EQ(IR::get_attr_int(*t.ir.find_node("gather"), "axis"), 3);
+      EXPECT_EQ(t.ir.get_const("gd")->shape(), (Shape{1, 1, 1, 5}));
+    } else {
+      EXPECT_TRUE(first.has_unsupported);
+      EXPECT_EQ(first.unsupported, Names{"gather"});
+      EXPECT_EQ(t.ir.get_const("gd")->shape(), data_shape);
+      // Without the Gather the pair still cancels around it.
+      RuleResult r = _p_reduce_tp_in_mesh_forward(t.ir, {tp_in}, nullptr);
+      ASSERT_TRUE(r.applied());
+      apply(t.ir, r);
+      EXPECT_EQ(count_op(t.ir, "Transpose"), 1);  // g alone is brought into the new layout
+      EXPECT_EQ(IR::get_attr_int(*t.ir.find_node("gather"), "axis"), 1);
+    }
+  }
+}
+
+TEST(MeshRetries, WrapperGivesUpAfterSixAttempts) {
+  // A chain seed -> s0 -> Relu -> u1 -> N1 -> s1 -> ... -> N6 -> s6, where s_j
+  // (j >= 1) feeds j + 1 Transpose nodes voting for q[j]; the seed votes q[0],
+  // its own inverse. Each attempt the farthest
+  // segment still reached wins the vote, and exactly one node, N_j for that
+  // segment, cannot follow it; excluding it cuts that segment off, so the
+  // next attempt votes again and names the next node.
+  const std::vector<ints> q = {{0, 3, 2, 1}, {1, 0, 2, 3}, {0, 3, 1, 2}, {0, 2, 3, 1},
+                               {0, 2, 1, 3}, {0, 1, 3, 2}, {0, 1, 2, 3}};
+  struct Step {
+    const char* op;
+    A attr;
+    Shape in_shape;
+  };
+  const std::vector<Step> steps = {
+      {"exNorm", {"axes", ints{0}}, {5, 5, 5, 5}},  {"exNorm", {"axes", ints{1}}, {5, 1, 1, 5}},
+      {"exNorm", {"axes", ints{3}}, {5, 5, 1, 1}},  {"exGlu", {"axis", 1}, {2, 3, 4, 5}},
+      {"exSoftmax13", {"axis", 3}, {2, 3, 4, 5}},  {"exGlu", {"axis", 0}, {2, 3, 4, 5}},
+  };
+  // The farthest `refusers` steps refuse; the nearer ones are plain Relu nodes.
+  auto build = [&](TestGraph& t, size_t refusers) {
+    t.input("x", {2, 3, 4, 5});
+    NodePtr seed = t.node("Transpose", {"x"}, {"s0"}, {{"perm", q[0]}}, "seed");
+    t.shape("s0", {2, 3, 4, 5});
+    for (size_t j = 1; j <= steps.size(); ++j) {
+      const std::string u = "u" + std::to_string(j), s = "s" + std::to_string(j);
+      t.node("Relu", {"s" + std::to_string(j - 1)}, {u});
+      const bool refuses = j + refusers > steps.size();
+      NodePtr n = t.node(refuses ? steps[j - 1].op : "Relu", {u}, {s}, {}, "N" + std::to_string(j));
+      if (refuses) t.ir.set_attr(*n, steps[j - 1].attr.attr);
+      t.shape(u, steps[j - 1].in_shape).shape(s, {2, 3, 4, 5});
+      for (size_t v = 0; v <= j; ++v) {
+        const std::string y = s + "_v" + std::to_string(v);
+        t.node("Transpose", {s}, {y}, {{"perm", q[j]}}, y);
+        t.shape(y, {2, 3, 4, 5}).output(y);
+      }
+    }
+    return seed;
+  };
+  auto pause_of = [](IR& ir) { return ir.op_ruler_pause["reduce_tp_in_mesh_forward"]; };
+
+  {
+    TestGraph t;
+    const NodePtr seed = build(t, 6);
+    Names excluded;
+    for (size_t attempt = 1; attempt <= steps.size(); ++attempt) {
+      MeshResult r = _p_reduce_tp_in_mesh(t.ir, {seed}, nullptr, "forward", excluded);
+      ASSERT_TRUE(r.has_unsupported) << attempt;
+      EXPECT_EQ(r.unsupported, Names{"N" + std::to_string(steps.size() + 1 - attempt)});
+      excluded.insert(excluded.end(), r.unsupported.begin(), r.unsupported.end());
+    }
+    // A refusal pauses nothing; a seventh attempt would find no gain and pause the seed.
+    EXPECT_TRUE(pause_of(t.ir).empty());
+    EXPECT_FALSE(_p_reduce_tp_in_mesh(t.ir, {seed}, nullptr, "forward", excluded).has_unsupported);
+    EXPECT_EQ(pause_of(t.ir), Names{"seed"});
+  }
+  {
+    // Five refusals: the sixth attempt runs and cancels the seed's region.
+    TestGraph t;
+    const NodePtr seed = build(t, 5);
+    EXPECT_TRUE(_p_reduce_tp_in_mesh_forward(t.ir, {seed}, nullptr).applied());
+  }
+  // Six refusals: the wrapper gives up without a seventh attempt.
+  TestGraph t;
+  const NodePtr seed = build(t, 6);
+  const size_t nodes_before = t.ir.node().size();
+  const RuleResult r = _p_reduce_tp_in_mesh_forward(t.ir, {seed}, nullptr);
+  EXPECT_FALSE(r.applied());
+  EXPECT_TRUE(pause_of(t.ir).empty());
+  EXPECT_EQ(t.ir.node().size(), nodes_before);
+  EXPECT_EQ(t.ir.get_shape("s1"), (Shape{2, 3, 4, 5}));
+}
+
 // ---- through the driver ------------------------------------------------------------
 
 TEST(MeshDriver, ChannelsLastBlocksLoseTheirInnerTransposePairs) {

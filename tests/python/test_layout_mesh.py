@@ -87,3 +87,114 @@ def test_attention_transposes_around_matmul_stay():
     reduced, _ = reduced_ok(model)
     # MatMul is not layout-free: the head Transposes feed it directly.
     assert transposes(reduced) == transposes(model)
+
+
+# ---- one rule call from a chosen seed, checked in onnxruntime -------------------------
+
+NHWC, NCHW = [0, 2, 3, 1], [0, 3, 1, 2]
+F = np.float32
+
+
+def _sandwich(*body, consts=None, x=(1, 2, 3, 4), enter=NHWC, leave=NCHW, opset=13):
+    """x -> Transpose(enter) "tp_in" -> a -> body -> b -> Transpose(leave) "tp_out" -> y."""
+    nodes = [("Transpose", ["x"], ["a"], {"perm": enter, "name": "tp_in"}), *body,
+             ("Transpose", ["b"], ["y"], {"perm": leave, "name": "tp_out"})]
+    return make_model(nodes, {"x": list(x)}, {"y": list(x)}, consts, opset=opset)
+
+
+def _chain(n):
+    # Relu chain of n + 1 nodes after the seed, then a fork into three Transpose exits.
+    nodes = [("Transpose", ["x"], ["t0"], {"perm": NHWC, "name": "tp_in"})]
+    nodes += [("Relu", [f"t{i}"], [f"t{i + 1}"]) for i in range(n + 1)]
+    last = f"t{n + 1}"
+    nodes += [("Transpose", [last], ["y"], {"perm": NCHW}), ("Relu", [last], ["g1"]), ("Relu", [last], ["g2"]),
+              ("Transpose", ["g1"], ["y1"], {"perm": NCHW, "name": "tp_g1"}),
+              ("Transpose", ["g2"], ["y2"], {"perm": NCHW, "name": "tp_g2"})]
+    return make_model(nodes, {"x": [1, 2, 3, 4]}, {k: [1, 2, 3, 4] for k in ("y", "y1", "y2")})
+
+
+FORK = make_model(
+    [("Transpose", ["x"], ["a"], {"perm": NHWC, "name": "tp_in"}), ("Relu", ["a"], ["b"]),
+     ("Transpose", ["b"], ["y1"], {"perm": NCHW}), ("Sigmoid", ["b"], ["c"]),
+     ("Gather", ["c", "idx"], ["d"], {"axis": 3}), ("Tanh", ["b"], ["e"]),
+     ("Transpose", ["e"], ["y2"], {"perm": NCHW, "name": "tp_e"})],
+    {"x": [1, 2, 3, 4]}, {"y1": [1, 2, 3, 4], "d": [1, 3, 4], "y2": [1, 2, 3, 4]},
+    {"idx": np.array(0, dtype=np.int64)})
+
+W1 = np.full((2, 2, 1, 1), 0.3, F)
+MESH_CASES = {
+    # name: (model, seed, direction, Transpose count after or None if unapplied, pause key)
+    "forward": (_sandwich(("Add", ["a", "bias"], ["s"]), ("Relu", ["s"], ["b"]),
+                          consts={"bias": np.array([1, -1], F).reshape(1, 1, 1, 2)}), "tp_in", "forward", 0, None),
+    "backward": (_sandwich(("Add", ["a", "bias"], ["s"]), ("Relu", ["s"], ["b"]),
+                           consts={"bias": np.array([1, -1], F).reshape(1, 1, 1, 2)}), "tp_out", "backward", 0, None),
+    "scalar and full constants": (
+        _sandwich(("Mul", ["a", "k"], ["m"]), ("Add", ["m", "full"], ["b"]),
+                  consts={"k": np.array([0.5], F), "full": np.arange(24, dtype=F).reshape(1, 3, 4, 2)}),
+        "tp_in", "forward", 0, None),
+    "clip bounds stay scalars": (
+        _sandwich(("Clip", ["a", "lo", "hi"], ["b"]), consts={"lo": np.array(-0.5, F), "hi": np.array(0.7, F)}),
+        "tp_in", "forward", 0, None),
+    "no gain forward": (make_model([("Transpose", ["x"], ["a"], {"perm": NHWC, "name": "tp"}), ("Relu", ["a"], ["b"])],
+                                   {"x": [1, 2, 3, 4]}, {"b": [1, 3, 4, 2]}), "tp", "forward", None,
+                        "reduce_tp_in_mesh_forward"),
+    "no gain backward": (make_model([("Relu", ["x"], ["a"]), ("Transpose", ["a"], ["y"], {"perm": NHWC, "name": "tp"})],
+                                    {"x": [1, 2, 3, 4]}, {"y": [1, 3, 4, 2]}), "tp", "backward", None,
+                         "reduce_tp_in_mesh_backward"),
+    "fork falls back to snapshot": (FORK, "tp_in", "forward", 2, None),
+    "chain below the cap": (_chain(50), "tp_in", "forward", 0, None),
+    "chain past the cap": (_chain(101), "tp_in", "forward", 3, None),
+    "concat and split on channels": (
+        _sandwich(("Split", ["a", "sp"], ["p", "q"], {"axis": 3}), ("Concat", ["q", "p", "p"], ["c"], {"axis": -1}),
+                  ("Slice", ["c", "st", "en", "ax"], ["b"]),
+                  consts={"sp": [1, 1], "st": [0], "en": [2], "ax": [3]}), "tp_in", "forward", 0, None),
+    "reducemax const axes": (_sandwich(("ReduceMax", ["a", "ax"], ["r"], {"keepdims": 1}), ("Add", ["a", "r"], ["b"]),
+                                       consts={"ax": [3]}, opset=18), "tp_in", "forward", 0, None),
+    "reducemax live axes refused": (
+        make_model([("Transpose", ["x"], ["a"], {"perm": NHWC, "name": "tp_in"}),
+                    ("ReduceMax", ["a", "ax"], ["r"], {"keepdims": 1}), ("Add", ["a", "r"], ["b"]),
+                    ("Transpose", ["b"], ["y"], {"perm": NCHW})],
+                   {"x": [1, 2, 3, 4], "ax": (onnx.TensorProto.INT64, [1])}, {"y": [1, 2, 3, 4]}, opset=18),
+        "tp_in", "forward", None, None),
+    "expand const shape": (_sandwich(("ReduceMax", ["a", "ax"], ["r"], {"keepdims": 1}), ("Expand", ["r", "sh"], ["b"]),
+                                     consts={"ax": [3], "sh": [1, 3, 4, 2]}, opset=18), "tp_in", "forward", 0, None),
+    "gather live data": (_sandwich(("Gather", ["a", "gi"], ["g"], {"axis": 3}), ("Concat", ["g", "g"], ["b"], {"axis": 3}),
+                                   consts={"gi": [1]}), "tp_in", "forward", 0, None),
+    "gather constant data over ones": (
+        _sandwich(("Gather", ["gd", "gi"], ["g"], {"axis": 1}), ("Add", ["a", "g"], ["b"]),
+                  consts={"gd": np.arange(5, dtype=F).reshape(1, 5, 1, 1), "gi": [0]},
+                  x=(1, 3, 4, 2), enter=NCHW, leave=NHWC), "tp_in", "forward", 0, None),
+    "gather constant data refused, retried": (
+        _sandwich(("Gather", ["gd", "gi"], ["g"], {"axis": 1}), ("Add", ["a", "g"], ["b"]),
+                  consts={"gd": np.arange(60, dtype=F).reshape(1, 5, 3, 4), "gi": [2]},
+                  x=(1, 3, 4, 2), enter=NCHW, leave=NHWC), "tp_in", "forward", 1, None),
+    "conv 3x3 refused": (_sandwich(("Conv", ["a", "w"], ["b"], {"kernel_shape": [3, 3], "pads": [1, 1, 1, 1]}),
+                                   consts={"w": np.full((3, 3, 3, 3), 0.1, F)}), "tp_in", "forward", None,
+                         "reduce_tp_in_mesh_forward"),
+    "pointwise conv moving channels refused": (
+        _sandwich(("Conv", ["a", "w"], ["b"], {"kernel_shape": [1, 1]}), consts={"w": np.full((3, 3, 1, 1), 0.2, F)}),
+        "tp_in", "forward", None, "reduce_tp_in_mesh_forward"),
+    "pointwise conv, height and width swapped": (
+        _sandwich(("Conv", ["a", "w"], ["b"], {"kernel_shape": [1, 1]}), consts={"w": W1},
+                  enter=[0, 1, 3, 2], leave=[0, 1, 3, 2]), "tp_in", "forward", 0, None),
+}
+
+
+@pytest.mark.parametrize("name", list(MESH_CASES))
+def test_mesh_rule_from_one_seed(name):
+    from tolm.api.ir_graph import IRGraph
+    from tolm.api.rules import reduce
+
+    model, seed, direction, left, pause_key = MESH_CASES[name]
+    ir = IRGraph(model)
+    proc = getattr(reduce, f"_p_reduce_tp_in_mesh_{direction}")
+    remove, add = proc(ir, [ir.find_node(seed)], None)
+    assert bool(remove or add) == (left is not None)
+    ir.apply(remove, add)
+    out = ir.to_onnx()
+    assert transposes(out) == (transposes(model) if left is None else left)
+    if pause_key:
+        assert seed in ir.op_ruler_pause[pause_key]
+    onnx.checker.check_model(out, full_check=True)
+    assert [i.name for i in out.graph.input] == [i.name for i in model.graph.input]
+    assert_same_outputs(model, out)
