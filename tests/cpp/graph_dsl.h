@@ -25,7 +25,6 @@ namespace tolm {
 namespace testing_dsl {
 
 using ints = std::vector<int64_t>;
-using floats = std::vector<float>;
 using names = std::vector<std::string>;
 
 // One attribute written as {"key", value}.
@@ -36,7 +35,6 @@ struct A {
   A(const std::string& n, const char* v) : attr(Attr::make_string(n, v)) {}
   A(const std::string& n, const std::string& v) : attr(Attr::make_string(n, v)) {}
   A(const std::string& n, const ints& v) : attr(Attr::make_ints(n, v)) {}
-  A(const std::string& n, const floats& v) : attr(Attr::make_floats(n, v)) {}
   Attr attr;
 };
 

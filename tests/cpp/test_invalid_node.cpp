@@ -1,4 +1,5 @@
-// Invalid node removal: per-op tests, the general gates and the bypass.
+// Invalid node removal: the guards that keep a node, variants the end-to-end
+// tests do not reach, and the bypass at graph edges.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -42,65 +43,45 @@ const ints kGrid23{0, 0, 0, 1, 0, 2, 1, 0, 1, 1, 1, 2};
 TEST(InvalidNodeOps, BypassedExactlyWhenOutputEqualsInput) {
   const std::vector<Case> cases = {
       // General gates.
-      {"reshape to same shape", {2, 3}, [](Chain& c) { c.const_i64("s", {2, 3}); c.make("Reshape", {"p", "s"}, {}, {2, 3}); }, "p"},
       {"reshape of scalar", {}, [](Chain& c) { c.const_i64("s", {}, {0}); c.make("Reshape", {"p", "s"}, {}, {}); }, nullptr},
       {"reshape to new shape", {2, 3}, [](Chain& c) { c.const_i64("s", {3, 2}); c.make("Reshape", {"p", "s"}, {}, {3, 2}); }, nullptr},
       {"cast scalar to own type", {}, [](Chain& c) { c.make("Cast", {"p"}, {{"to", dt::FLOAT}}, {}); }, "p"},
       {"cast to other type", {}, [](Chain& c) { c.make("Cast", {"p"}, {{"to", dt::INT32}}, {}); }, nullptr},
       // Neutral constants, on either side.
       {"x + 0", {2, 3}, [](Chain& c) { c.const_f32("k", {0, 0, 0}); c.make("Add", {"p", "k"}, {}, {2, 3}); }, "p"},
-      {"0 + x", {2, 3}, [](Chain& c) { c.const_f32("k", {0, 0, 0, 0, 0, 0}, {2, 3}); c.make("Add", {"k", "p"}, {}, {2, 3}); }, "p"},
-      {"x - 0", {2, 3}, [](Chain& c) { c.const_f32("k", {0}); c.make("Sub", {"p", "k"}, {}, {2, 3}); }, "p"},
       {"0 - x", {2, 3}, [](Chain& c) { c.const_f32("k", {0, 0, 0, 0, 0, 0}, {2, 3}); c.make("Sub", {"k", "p"}, {}, {2, 3}); }, nullptr},
-      {"1 * x", {2, 3}, [](Chain& c) { c.const_f32("k", {1, 1, 1, 1, 1, 1}, {2, 3}); c.make("Mul", {"k", "p"}, {}, {2, 3}); }, "p"},
       {"x * [1,1,2]", {2, 3}, [](Chain& c) { c.const_f32("k", {1, 1, 2}); c.make("Mul", {"p", "k"}, {}, {2, 3}); }, nullptr},
       {"x + x", {2, 3}, [](Chain& c) { c.make("Add", {"p", "x"}, {}, {2, 3}); }, nullptr},
       // Clip at the 16-bit float limits.
-      {"clip full range", {4}, [](Chain& c) { c.const_f32("lo", {-65504}).const_f32("hi", {65504}); c.make("Clip", {"p", "lo", "hi"}, {}, {4}); }, "p"},
       {"clip low bound inside", {4}, [](Chain& c) { c.const_f32("lo", {-65503}).const_f32("hi", {65504}); c.make("Clip", {"p", "lo", "hi"}, {}, {4}); }, nullptr},
       {"clip without bounds", {4}, [](Chain& c) { c.make("Clip", {"p"}, {}, {4}); }, nullptr},
       {"clip low bound only", {4}, [](Chain& c) { c.const_f32("lo", {-70000}); c.make("Clip", {"p", "lo"}, {}, {4}); }, nullptr},
       // Where with a constant condition.
-      {"where all true", {2, 3}, [](Chain& c) { c.const_i64("cond", {1, 1, 1, 1, 1, 1}, {2, 3}, dt::BOOL).input("o", {2, 3}); c.make("Where", {"cond", "p", "o"}, {}, {2, 3}); }, "p"},
       {"where all false", {2, 3}, [](Chain& c) { c.const_i64("cond", {0, 0, 0, 0, 0, 0}, {2, 3}, dt::BOOL).input("o", {2, 3}); c.make("Where", {"cond", "o", "p"}, {}, {2, 3}); }, "p"},
       {"where picks broadcast branch", {2, 3}, [](Chain& c) { c.const_i64("cond", {0, 0, 0, 0, 0, 0}, {2, 3}, dt::BOOL).input("o", {3}); c.make("Where", {"cond", "p", "o"}, {}, {2, 3}); }, nullptr},
       {"where mixed", {2, 3}, [](Chain& c) { c.const_i64("cond", {1, 0, 1, 1, 1, 1}, {2, 3}, dt::BOOL).input("o", {2, 3}); c.make("Where", {"cond", "p", "o"}, {}, {2, 3}); }, nullptr},
       // Pad, Expand, Slice, Concat, Split, Resize.
-      {"pad zeros", {1, 2, 3}, [](Chain& c) { c.const_i64("pads", {0, 0, 0, 0, 0, 0}); c.make("Pad", {"p", "pads"}, {}, {1, 2, 3}); }, "p"},
       {"pad not constant", {1, 2, 3}, [](Chain& c) { c.input("pads", {6}, dt::INT64); c.make("Pad", {"p", "pads"}, {}, {1, 2, 3}); }, nullptr},
       {"pad in and crop out", {1, 2, 3}, [](Chain& c) { c.const_i64("pads", {0, 0, 1, 0, 0, -1}); c.make("Pad", {"p", "pads"}, {}, {1, 2, 3}); }, nullptr},
-      {"expand by ones", {2, 3}, [](Chain& c) { c.const_i64("s", {1, 1}); c.make("Expand", {"p", "s"}, {}, {2, 3}); }, "p"},
       {"expand to own shape", {2, 3}, [](Chain& c) { c.const_i64("s", {2, 3}); c.make("Expand", {"p", "s"}, {}, {2, 3}); }, nullptr},
-      {"slice step 1", {2, 3}, [](Chain& c) { c.const_i64("b", {0}).const_i64("e", {2}).const_i64("a", {0}).const_i64("st", {1}); c.make("Slice", {"p", "b", "e", "a", "st"}, {}, {2, 3}); }, "p"},
       {"slice reversed", {2, 3}, [](Chain& c) { c.const_i64("b", {-1}).const_i64("e", {-3}).const_i64("a", {0}).const_i64("st", {-1}); c.make("Slice", {"p", "b", "e", "a", "st"}, {}, {2, 3}); }, nullptr},
       {"slice without steps", {2, 3}, [](Chain& c) { c.const_i64("b", {0}).const_i64("e", {2}); c.make("Slice", {"p", "b", "e"}, {}, {2, 3}); }, nullptr},
-      {"concat of one", {2, 3}, [](Chain& c) { c.make("Concat", {"p"}, {{"axis", 0}}, {2, 3}); }, "p"},
-      {"split into one", {2, 3}, [](Chain& c) { c.make("Split", {"p"}, {{"axis", 0}}, {2, 3}); }, "p"},
-      {"resize same size", {1, 2, 4, 4}, [](Chain& c) { c.make("Resize", {"p"}, {{"coordinate_transformation_mode", "asymmetric"}}, {1, 2, 4, 4}); }, "p"},
       {"resize crop", {1, 2, 4, 4}, [](Chain& c) { c.make("Resize", {"p"}, {{"coordinate_transformation_mode", "tf_crop_and_resize"}}, {1, 2, 4, 4}); }, nullptr},
       // Transpose, Relu, reductions.
-      {"transpose of unit dims", {2, 1, 1, 5}, [](Chain& c) { c.make("Transpose", {"p"}, {{"perm", ints{0, 2, 1, 3}}}, {2, 1, 1, 5}); }, "p"},
       {"transpose of square", {3, 3}, [](Chain& c) { c.make("Transpose", {"p"}, {{"perm", ints{1, 0}}}, {3, 3}); }, nullptr},
-      {"relu after relu", {4}, [](Chain& c) { c.make("Relu", {"p"}, {}, {4}); }, "p"},
       {"relu of graph input", {4}, [](Chain& c) { c.make("Relu", {"x"}, {}, {4}); }, nullptr},
-      {"reducemean keepdims", {2, 1, 3}, [](Chain& c) { c.make("ReduceMean", {"p"}, {{"axes", ints{1}}}, {2, 1, 3}); }, "p"},
       // Gather, GatherND, ScatterND.
-      {"gather whole range", {2, 4}, [](Chain& c) { c.const_i64("i", {0, 1, 2, 3}); c.make("Gather", {"p", "i"}, {{"axis", 1}}, {2, 4}); }, "p"},
       {"gather shuffled", {2, 4}, [](Chain& c) { c.const_i64("i", {0, 2, 1, 3}); c.make("Gather", {"p", "i"}, {{"axis", 1}}, {2, 4}); }, nullptr},
       {"gather of constant", {4}, [](Chain& c) { c.const_f32("d", {1, 2, 3, 4}).const_i64("i", {0, 1, 2, 3}); c.make("Gather", {"d", "i"}, {{"axis", 0}}, {4}); }, nullptr},
-      {"gathernd rows", {3, 4}, [](Chain& c) { c.const_i64("i", {0, 1, 2}, {3, 1}); c.make("GatherND", {"p", "i"}, {{"batch_dims", 0}}, {3, 4}); }, "p"},
       {"gathernd grid", {2, 3}, [](Chain& c) { c.const_i64("i", kGrid23, {2, 3, 2}); c.make("GatherND", {"p", "i"}, {{"batch_dims", 0}}, {2, 3}); }, "p"},
       {"gathernd grid swapped", {2, 3}, [](Chain& c) { c.const_i64("i", {0, 0, 0, 2, 0, 1, 1, 0, 1, 1, 1, 2}, {2, 3, 2}); c.make("GatherND", {"p", "i"}, {{"batch_dims", 0}}, {2, 3}); }, nullptr},
       {"gathernd no batch_dims", {3, 4}, [](Chain& c) { c.const_i64("i", {0, 1, 2}, {3, 1}); c.make("GatherND", {"p", "i"}, {}, {3, 4}); }, nullptr},
-      {"scatternd overwrites all", {2, 3}, [](Chain& c) { c.input("base", {2, 3}).const_i64("i", kGrid23, {2, 3, 2}); c.make("ScatterND", {"base", "i", "p"}, {{"reduction", "none"}}, {2, 3}); }, "p"},
       {"scatternd whole rows", {2, 3}, [](Chain& c) { c.input("base", {2, 3}).const_i64("i", {0, 1}, {2, 1}); c.make("ScatterND", {"base", "i", "p"}, {{"reduction", "none"}}, {2, 3}); }, "p"},
       {"scatternd rows swapped", {2, 3}, [](Chain& c) { c.input("base", {2, 3}).const_i64("i", {1, 0}, {2, 1}); c.make("ScatterND", {"base", "i", "p"}, {{"reduction", "none"}}, {2, 3}); }, nullptr},
       {"scatternd add onto zeros", {2, 3}, [](Chain& c) { c.const_f32("base", {0, 0, 0, 0, 0, 0}, {2, 3}).const_i64("i", kGrid23, {2, 3, 2}); c.make("ScatterND", {"base", "i", "p"}, {{"reduction", "add"}}, {2, 3}); }, "p"},
       {"scatternd add onto data", {2, 3}, [](Chain& c) { c.const_f32("base", {0, 0, 1, 0, 0, 0}, {2, 3}).const_i64("i", kGrid23, {2, 3, 2}); c.make("ScatterND", {"base", "i", "p"}, {{"reduction", "add"}}, {2, 3}); }, nullptr},
       // Batch norm and pools.
-      {"bn identity", {1, 2, 3, 3}, [](Chain& c) { c.const_f32("s", {1, 1}).const_f32("b", {0, 0}).const_f32("m", {0, 0}).const_f32("v", {1, 1}); c.make("BatchNormalization", {"p", "s", "b", "m", "v"}, {}, {1, 2, 3, 3}); }, "p"},
       {"bn scales", {1, 2, 3, 3}, [](Chain& c) { c.const_f32("s", {2, 1}).const_f32("b", {0, 0}).const_f32("m", {0, 0}).const_f32("v", {1, 1}); c.make("BatchNormalization", {"p", "s", "b", "m", "v"}, {}, {1, 2, 3, 3}); }, nullptr},
-      {"maxpool 1x1", {1, 2, 3, 3}, [](Chain& c) { c.make("MaxPool", {"p"}, {{"kernel_shape", ints{1, 1}}, {"strides", ints{1, 1}}, {"pads", ints{0, 0, 0, 0}}, {"dilations", ints{1, 1}}}, {1, 2, 3, 3}); }, "p"},
       {"avgpool 3x3 padded", {1, 2, 3, 3}, [](Chain& c) { c.make("AveragePool", {"p"}, {{"kernel_shape", ints{3, 3}}, {"strides", ints{1, 1}}, {"pads", ints{1, 1, 1, 1}}, {"dilations", ints{1, 1}}}, {1, 2, 3, 3}); }, nullptr},
       {"dataconvert same type", {4}, [](Chain& c) { c.make("exDataConvert", {"p"}, {{"i_dtype", "float32"}, {"o_dtype", "float32"}}, {4}); }, "p"},
       {"dataconvert other type", {4}, [](Chain& c) { c.make("exDataConvert", {"p"}, {{"i_dtype", "int8"}, {"o_dtype", "int16"}}, {4}); }, nullptr},
@@ -130,25 +111,6 @@ TEST(InvalidNodeOps, DataConvertComparesQuantRanges) {
   EXPECT_FALSE(run({{"p", {{-1.0}, {1.0}, "p"}}, {"y", {{-2.0}, {2.0}, "y"}}}));  // requantises
   EXPECT_TRUE(run({{"p", {{-1.0}, {1.0}, "p"}}, {"y", {{-1.0}, {1.0}, "y"}}}));
   EXPECT_TRUE(run({{"p", {{-1.0}, {1.0}, "p"}}}));  // no record for the output: dtypes decide
-}
-
-TEST(InvalidNodeOps, GatherNDToOtherShapeBecomesReshape) {
-  Chain c({2, 3});
-  c.const_i64("idx", kGrid23, {6, 2});
-  c.make("GatherND", {"p", "idx"}, {{"batch_dims", 0}}, {6});
-  RuleResult r = c.run();
-  EXPECT_EQ(r.remove, NodeList{c.op});
-  ASSERT_EQ(r.add.size(), 1u);
-  const NodePtr& rs = r.add[0];
-  EXPECT_EQ(rs->op_type, "Reshape");
-  EXPECT_EQ(rs->name, "op_2rs");
-  EXPECT_EQ(rs->input[0], "p");
-  EXPECT_EQ(rs->output.names(), names{"y"});
-  ASSERT_NE(c.ir.get_const(rs->input[1]), nullptr);
-  EXPECT_EQ(c.ir.get_const(rs->input[1])->to_i64(), ints{6});
-  apply(c.ir, r);
-  EXPECT_EQ(c.producer("y"), rs);
-  EXPECT_EQ(c.post->input[0], "y");
 }
 
 // ---- the bypass -------------------------------------------------------------

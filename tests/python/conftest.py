@@ -6,7 +6,7 @@ import os
 import subprocess
 import sys
 from pathlib import Path
-from typing import Dict, Iterable, Optional, Sequence
+from typing import Dict, Iterable, Optional
 
 import numpy as np
 import onnx
@@ -21,18 +21,6 @@ except ImportError:  # running from the source tree
     import tolm  # noqa: F401
 
 PYTHON_DIR = str(Path(tolm.__file__).resolve().parents[1])
-
-_NP_TO_ONNX = {
-    np.dtype(np.float32): TensorProto.FLOAT,
-    np.dtype(np.float16): TensorProto.FLOAT16,
-    np.dtype(np.float64): TensorProto.DOUBLE,
-    np.dtype(np.int64): TensorProto.INT64,
-    np.dtype(np.int32): TensorProto.INT32,
-    np.dtype(np.int8): TensorProto.INT8,
-    np.dtype(np.uint8): TensorProto.UINT8,
-    np.dtype(np.bool_): TensorProto.BOOL,
-}
-
 
 def _vi(name: str, desc) -> onnx.ValueInfoProto:
     """desc: a shape list (float32), None (unknown), or (elem_type, shape)."""
@@ -49,7 +37,6 @@ def make_model(
     outputs: Dict[str, object],
     consts: Optional[Dict[str, object]] = None,
     opset: int = 13,
-    extra_opsets: Sequence = (),
 ) -> onnx.ModelProto:
     """Builds a model from short node tuples ``(op, inputs, outputs, attrs...)``.
 
@@ -74,8 +61,7 @@ def make_model(
     graph = helper.make_graph(
         made, "test", [_vi(k, v) for k, v in inputs.items()], [_vi(k, v) for k, v in outputs.items()], initializer=inits
     )
-    opsets = [helper.make_opsetid("", opset)] + [helper.make_opsetid(d, v) for d, v in extra_opsets]
-    model = helper.make_model(graph, opset_imports=opsets)
+    model = helper.make_model(graph, opset_imports=[helper.make_opsetid("", opset)])
     model.ir_version = 8
     return model
 
