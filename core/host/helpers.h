@@ -24,6 +24,15 @@ using Axes = std::vector<int64_t>;
 
 // ---- shapes and permutations -----------------------------------------------
 
+// True if perm holds each axis 0 .. rank-1 exactly once.
+bool is_perm_of(const Perm& perm, size_t rank);
+// The permutation that undoes perm: entry k is the position of k in perm.
+Perm inverse_perm(const Perm& perm);
+// Position of v in perm, or -1.
+int64_t index_of(const Perm& perm, int64_t v);
+// True if perm is 0, 1, 2, ...: moves nothing.
+bool is_identity_perm(const Perm& perm);
+
 // Every permutation that moves the data exactly as `perm` does on `shape`: the
 // same output shape (`out_shape` when given, else `perm` applied to `shape`)
 // and the axes larger than 1 in the same order. They differ only in where the

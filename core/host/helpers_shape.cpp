@@ -7,16 +7,6 @@
 namespace tolm {
 namespace {
 
-bool is_perm_of_rank(const Perm& perm, size_t rank) {
-  if (perm.size() != rank) return false;
-  std::vector<bool> seen(rank, false);
-  for (int64_t p : perm) {
-    if (p < 0 || p >= static_cast<int64_t>(rank) || seen[p]) return false;
-    seen[p] = true;
-  }
-  return true;
-}
-
 Shape apply_perm(const Perm& perm, const Shape& shape) {
   Shape out;
   out.reserve(perm.size());
@@ -35,7 +25,7 @@ Perm non_unit_axes(const Perm& perm, const Shape& shape) {
 // axes larger than 1: then they put every element in the same place.
 bool acts_alike(const Perm& a, const Perm& b, const Shape& shape) {
   if (a == b) return true;
-  if (!is_perm_of_rank(a, shape.size()) || !is_perm_of_rank(b, shape.size())) return false;
+  if (!is_perm_of(a, shape.size()) || !is_perm_of(b, shape.size())) return false;
   return apply_perm(a, shape) == apply_perm(b, shape) &&
          non_unit_axes(a, shape) == non_unit_axes(b, shape);
 }
@@ -132,9 +122,36 @@ GatherPlan fit_single_axis_gather(const Shape& layout, Enumerate enumerate) {
 
 }  // namespace
 
+bool is_perm_of(const Perm& perm, size_t rank) {
+  if (perm.size() != rank) return false;
+  std::vector<bool> seen(rank, false);
+  for (int64_t p : perm) {
+    if (p < 0 || p >= static_cast<int64_t>(rank) || seen[static_cast<size_t>(p)]) return false;
+    seen[static_cast<size_t>(p)] = true;
+  }
+  return true;
+}
+
+Perm inverse_perm(const Perm& perm) {
+  Perm inv(perm.size());
+  for (size_t i = 0; i < perm.size(); ++i) inv[static_cast<size_t>(perm[i])] = static_cast<int64_t>(i);
+  return inv;
+}
+
+int64_t index_of(const Perm& perm, int64_t v) {
+  auto it = std::find(perm.begin(), perm.end(), v);
+  return it == perm.end() ? -1 : static_cast<int64_t>(it - perm.begin());
+}
+
+bool is_identity_perm(const Perm& perm) {
+  for (size_t i = 0; i < perm.size(); ++i)
+    if (perm[i] != static_cast<int64_t>(i)) return false;
+  return true;
+}
+
 std::vector<Perm> get_equivalent_perm_for_tp(const Perm& perm, const Shape& shape,
                                              const Shape& out_shape) {
-  if (!is_perm_of_rank(perm, shape.size())) return {perm};
+  if (!is_perm_of(perm, shape.size())) return {perm};
   const Shape target = out_shape.empty() ? apply_perm(perm, shape) : out_shape;
   if (target.size() != perm.size()) return {perm};
 
@@ -285,7 +302,7 @@ GatherPlan gen_gather_for_rs_tp_rs(const Shape& in_shape, const Shape& mid_shape
                                    const Perm& tp_perm, const Shape& out_shape) {
   if (in_shape.empty() || mid_shape.empty()) return {};
   if (has_nonpositive(in_shape) || has_nonpositive(mid_shape)) return {};
-  if (!is_perm_of_rank(tp_perm, mid_shape.size())) return {};
+  if (!is_perm_of(tp_perm, mid_shape.size())) return {};
   const int64_t total = product(in_shape);
   if (total != product(mid_shape) || total > kMaxScanElements) return {};
   if (!out_shape.empty() && product(out_shape) != total) return {};

@@ -31,23 +31,6 @@ bool has_duplicates(const Names& list) {
   return std::adjacent_find(sorted.begin(), sorted.end()) != sorted.end();
 }
 
-bool ascending(const Perm& perm) {
-  for (size_t i = 0; i < perm.size(); ++i)
-    if (perm[i] != static_cast<int64_t>(i)) return false;
-  return true;
-}
-
-Perm inverse_of(const Perm& perm) {
-  Perm inv(perm.size());
-  for (size_t i = 0; i < perm.size(); ++i) inv[perm[i]] = static_cast<int64_t>(i);
-  return inv;
-}
-
-int64_t index_of(const Perm& perm, int64_t v) {
-  auto it = std::find(perm.begin(), perm.end(), v);
-  return it == perm.end() ? -1 : static_cast<int64_t>(it - perm.begin());
-}
-
 // `[values[p] for p in perm]`; entries out of range stay as they are.
 std::vector<int64_t> take(const std::vector<int64_t>& values, const Perm& perm) {
   std::vector<int64_t> out;
@@ -281,7 +264,7 @@ MeshResult _p_reduce_tp_in_mesh(IR& ir, const NodeList& nodes, QuantTable* /*qua
   const Names& tp_free_pass_op = pass.first;
   const Names& param_changed_ops = pass.second;
   const Perm perm_for_prev = most_perm;
-  const Perm perm_for_next = inverse_of(most_perm);
+  const Perm perm_for_next = inverse_perm(most_perm);
   NodeList rm_ops;
   Graph g(ir);
   auto new_shape_of = [&](const Shape& shape) { return take(shape, perm_for_prev); };
@@ -330,7 +313,7 @@ MeshResult _p_reduce_tp_in_mesh(IR& ir, const NodeList& nodes, QuantTable* /*qua
         ir.set_shape(t_name, new_shape, false);
         const Perm new_perm = take(take(perm_for_next, _func_tp_perm(ir, *cross)), most_perm);
         remove_node(cross);
-        if (ascending(new_perm)) {
+        if (is_identity_perm(new_perm)) {
           _pass_tp(ir, *cross, t_name);
         } else {
           OpSpec opts;

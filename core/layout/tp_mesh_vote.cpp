@@ -19,26 +19,7 @@ void remove_first(Names& list, const std::string& name) {
   if (it != list.end()) list.erase(it);
 }
 
-bool is_perm_of(const Perm& perm, size_t rank) {
-  if (perm.size() != rank) return false;
-  std::vector<bool> seen(rank, false);
-  for (int64_t p : perm) {
-    if (p < 0 || p >= static_cast<int64_t>(rank) || seen[p]) return false;
-    seen[p] = true;
-  }
-  return true;
-}
-
-Perm _get_inverse_perm(const Perm& perm) {
-  Perm inv(perm.size());
-  for (size_t i = 0; i < perm.size(); ++i) inv[perm[i]] = static_cast<int64_t>(i);
-  return inv;
-}
-
-int64_t index_of(const Perm& perm, int64_t v) {
-  auto it = std::find(perm.begin(), perm.end(), v);
-  return it == perm.end() ? -1 : static_cast<int64_t>(it - perm.begin());
-}
+Perm _get_inverse_perm(const Perm& perm) { return inverse_perm(perm); }
 
 std::string perm_text(const Perm& perm) {
   std::string s;
@@ -61,12 +42,6 @@ std::optional<Perm> parse_perm(const std::string& text) {
     }
   }
   return out;
-}
-
-bool ascending(const Perm& perm) {
-  for (size_t i = 0; i < perm.size(); ++i)
-    if (perm[i] != static_cast<int64_t>(i)) return false;
-  return true;
 }
 
 // True if the axes larger than 1 keep their relative order under `most_perm`:
@@ -381,7 +356,7 @@ OptResult _func_compute_opt_result(IR& ir, const Names& tp_free_op_type,
     Perm new_perm;
     for (int64_t p : perm) new_perm.push_back(inverse[p]);
     // A crossing Transpose that the new layout turns into the identity goes.
-    if (ascending(permuted(new_perm, most_perm))) tp_num -= 1;
+    if (is_identity_perm(permuted(new_perm, most_perm))) tp_num -= 1;
   }
 
   for (const std::string& t_name : tp_block_tensors) {
