@@ -279,16 +279,21 @@ MeshResult _p_reduce_tp_in_mesh(IR& ir, const NodeList& nodes, QuantTable* /*qua
   };
   // A Transpose that now reads `x`, a tensor in the new layout: it goes if
   // the new layout is what it made, else its perm absorbs the change.
+  // A Transpose that goes: its readers take `x`; a graph output it wrote
+  // keeps its name through an Identity.
+  auto drop_tp = [&](const NodePtr& nod, const std::string& x) {
+    remove_node(nod);
+    if (ir.is_output(nod->output[0])) {
+      OpSpec opts;
+      opts.outputs = nod->output.names();
+      g.op("Identity", {x}, opts);
+    }
+    _pass_tp(ir, *nod, x);
+  };
   auto fix_consumer = [&](const NodePtr& nod, const std::string& x) {
     const Perm perm = _func_tp_perm(ir, *nod);
     if (check_equivalent_perm_for_tp(ir, x, perm, most_perm)) {
-      remove_node(nod);
-      if (ir.is_output(nod->output[0])) {
-        OpSpec opts;
-        opts.outputs = nod->output.names();
-        g.op("Identity", {x}, opts);
-      }
-      _pass_tp(ir, *nod, x);
+      drop_tp(nod, x);
     } else {
       ir.set_attr(*nod, perm_attr(take(perm_for_next, perm)));
     }
@@ -358,13 +363,7 @@ MeshResult _p_reduce_tp_in_mesh(IR& ir, const NodeList& nodes, QuantTable* /*qua
           replace_input(*nod, t_name, new_in);
         } else if (nod->op_type == "Transpose" &&
                    check_equivalent_perm_for_tp(ir, t_name, _func_tp_perm(ir, *nod), most_perm)) {
-          remove_node(nod);
-          if (ir.is_output(nod->output[0])) {
-            OpSpec opts;
-            opts.outputs = nod->output.names();
-            g.op("Identity", {new_in}, opts);
-          }
-          _pass_tp(ir, *nod, new_in);
+          drop_tp(nod, new_in);
         }
       }
       ir.set_shape(new_in, new_shape, false, ir.get_dtype(t_name));
