@@ -271,16 +271,18 @@ NodeList IR::next_nodes(const std::string& t) const {
   return out;
 }
 
+const TensorInfo* IR::port_info(const Node& node, bool is_output, size_t i) const {
+  // A node in this graph holds its ports' entries; any other is looked up.
+  const auto& cached = is_output ? node.out_ti_ : node.in_ti_;
+  if (node.owner_ == this && i < cached.size()) return cached[i];
+  const std::string& t = is_output ? node.output[i] : node.input[i];
+  return t.empty() ? nullptr : tensor(t);
+}
+
 NodeList IR::next_nodes(const Node& node) const {
   NodeList out;
-  const bool attached = node.owner_ == this;
   for (size_t i = 0; i < node.output.size(); ++i) {
-    const TensorInfo* ti = nullptr;
-    if (attached && i < node.out_ti_.size()) {
-      ti = node.out_ti_[i];
-    } else if (!node.output[i].empty()) {
-      ti = tensor(node.output[i]);
-    }
+    const TensorInfo* ti = port_info(node, true, i);
     if (!ti) continue;
     const size_t from = out.size();
     append_readers(*ti, out, from);
@@ -310,14 +312,8 @@ NodeList IR::pre_nodes(const std::string& t) const {
 
 NodeList IR::pre_nodes(const Node& node) const {
   NodeList out;
-  const bool attached = node.owner_ == this;
   for (size_t i = 0; i < node.input.size(); ++i) {
-    const TensorInfo* ti = nullptr;
-    if (attached && i < node.in_ti_.size()) {
-      ti = node.in_ti_[i];
-    } else if (!node.input[i].empty()) {
-      ti = tensor(node.input[i]);
-    }
+    const TensorInfo* ti = port_info(node, false, i);
     if (!ti || ti->producers.empty()) continue;
     Node* p = ti->producers.back();
     bool seen = false;

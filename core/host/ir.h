@@ -262,6 +262,7 @@ class IR {
   void port_erase(Node& node, bool is_output, size_t i);
   void invalidate_order() { order_valid_ = false; }
   TensorInfo& info(const std::string& t);
+  const TensorInfo* port_info(const Node& node, bool is_output, size_t i) const;
   void sort_consumers(NodeList& list) const;
 
   std::unordered_map<std::string, TensorInfo> tensors_;

@@ -277,8 +277,6 @@ MeshResult _p_reduce_tp_in_mesh(IR& ir, const NodeList& nodes, QuantTable* /*qua
     opts.attrs = {perm_attr(perm)};
     return g.op("Transpose", {in}, opts);
   };
-  // A Transpose that now reads `x`, a tensor in the new layout: it goes if
-  // the new layout is what it made, else its perm absorbs the change.
   // A Transpose that goes: its readers take `x`; a graph output it wrote
   // keeps its name through an Identity.
   auto drop_tp = [&](const NodePtr& nod, const std::string& x) {
@@ -290,6 +288,8 @@ MeshResult _p_reduce_tp_in_mesh(IR& ir, const NodeList& nodes, QuantTable* /*qua
     }
     _pass_tp(ir, *nod, x);
   };
+  // A Transpose that now reads `x`, a tensor in the new layout: it goes if
+  // the new layout is what it made, else its perm absorbs the change.
   auto fix_consumer = [&](const NodePtr& nod, const std::string& x) {
     const Perm perm = _func_tp_perm(ir, *nod);
     if (check_equivalent_perm_for_tp(ir, x, perm, most_perm)) {
@@ -403,13 +403,7 @@ MeshResult _p_reduce_tp_in_mesh(IR& ir, const NodeList& nodes, QuantTable* /*qua
         if (tp == from_tp || tp->op_type != "Transpose") continue;
         if (!check_equivalent_perm_for_tp(ir, from_tp->input[0], _func_tp_perm(ir, *tp), most_perm))
           continue;
-        remove_node(tp);
-        if (ir.is_output(tp->output[0])) {
-          OpSpec opts;
-          opts.outputs = tp->output.names();
-          g.op("Identity", {mount_tp}, opts);
-        }
-        _pass_tp(ir, *tp, mount_tp);
+        drop_tp(tp, mount_tp);
       }
       for (const NodePtr& nod : next_nodes)
         if (in_pass(nod)) replace_input(*nod, t_name, mount_tp);
