@@ -202,7 +202,7 @@ void bind_name_list(py::class_<View>& cls, Get get) {
 
 py::list node_names(const IR& ir) {
   py::list out;
-  for (const auto& n : ir.node()) out.append(py::str(n->name));
+  for (const auto& n : ir.node()) out.append(py::str(n->name()));
   return out;
 }
 
@@ -379,32 +379,23 @@ void init_ir(py::module& m) {
            py::arg("op_type"), py::arg("inputs") = py::list(), py::arg("outputs") = py::list(),
            py::arg("name") = "", py::arg("domain") = "")
       .def_static("from_proto", &node_from_python, py::arg("node_proto"))
-      .def_readwrite("op_type", &Node::op_type)
+      .def_property(
+          "op_type", [](const Node& n) { return n.op_type(); },
+          [](Node& n, const std::string& op_type) { n.set_op_type(op_type); })
       .def_readwrite("domain", &Node::domain)
       .def_readwrite("doc_string", &Node::doc_string)
       .def_property(
-          "name", [](const Node& n) { return n.name; },
-          [](Node& n, const std::string& name) {
-            // The graph finds nodes by name: a node in a graph is taken out
-            // and put back at the same place in the order under its new name.
-            IR* g = n.graph();
-            if (!g) {
-              n.name = name;
-              return;
-            }
-            NodePtr keep = n.shared_from_this();
-            const int64_t order = n.order();
-            g->remove_node(n);
-            n.name = name;
-            g->add_node(keep, order);
-          })
+          "name", [](const Node& n) { return n.name(); },
+          // The graph keeps node names unique and indexed: the rename goes
+          // through it.
+          [](Node& n, const std::string& name) { n.set_name(name); })
       .def_property(
           "input", [](NodePtr n) { return PortView{n, false}; },
           [](NodePtr n, py::object seq) { n->input.assign(names_of(seq)); })
       .def_property(
           "output", [](NodePtr n) { return PortView{n, true}; },
           [](NodePtr n, py::object seq) { n->output.assign(names_of(seq)); })
-      .def_property_readonly("attribute", [](const Node& n) { return n.attribute; })
+      .def_property_readonly("attribute", [](const Node& n) { return n.attribute(); })
       .def("clone", &Node::clone, "Deep copy outside any graph, same names and attributes.")
       .def_property_readonly("in_graph", [](const Node& n) { return n.graph() != nullptr; })
       .def("__eq__", [](const Node& a, py::object b) {
@@ -415,7 +406,7 @@ void init_ir(py::module& m) {
       })
       .def("__hash__", [](const Node& n) { return std::hash<const Node*>()(&n); })
       .def("__repr__", [](const Node& n) {
-        std::string s = "Node(" + n.op_type + " '" + n.name + "': [";
+        std::string s = "Node(" + n.op_type() + " '" + n.name() + "': [";
         for (size_t i = 0; i < n.input.size(); ++i) s += (i ? ", " : "") + n.input[i];
         s += "] -> [";
         for (size_t i = 0; i < n.output.size(); ++i) s += (i ? ", " : "") + n.output[i];
@@ -620,21 +611,15 @@ void init_ir(py::module& m) {
       .def("remove",
            [](ValueInfoList& v, py::object r) {
              const std::string name = record_name(r);
-             auto& names = v.ir->value_info();
-             for (auto it = names.begin(); it != names.end(); ++it) {
-               if (*it == name) {
-                 names.erase(it);
-                 return;
-               }
-             }
-             throw py::value_error("no value_info record '" + name + "'");
+             if (!v.ir->erase_value_info(name)) throw py::value_error("no value_info record '" + name + "'");
            })
       .def("__delitem__", [](ValueInfoList& v, py::ssize_t i) {
-        auto& names = v.ir->value_info();
+        std::vector<std::string> names = v.ir->value_info();
         const auto n = static_cast<py::ssize_t>(names.size());
         if (i < 0) i += n;
         if (i < 0 || i >= n) throw py::index_error("index out of range");
         names.erase(names.begin() + i);
+        v.ir->set_value_info(std::move(names));
       });
 
   py::class_<GraphView>(m, "GraphBody", "The graph body: nodes and value_info records.")

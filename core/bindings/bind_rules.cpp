@@ -144,6 +144,7 @@ py::dict stats_to_python(const DriverStats& s) {
   d["attempts"] = s.attempts;
   d["pruned_nodes"] = s.pruned_nodes;
   d["converged"] = s.converged;
+  d["rule_faults"] = py::cast(s.rule_faults);
   return d;
 }
 
@@ -154,6 +155,7 @@ py::object* python_sink = nullptr;
 }  // namespace
 
 void init_rules(py::module& m) {
+  py::register_exception<RuleError>(m, "RuleError", PyExc_RuntimeError);
   py::dict procs;
   for (const ProcEntry& e : rule_procs()) {
     if (!e.proc) continue;
@@ -174,11 +176,12 @@ void init_rules(py::module& m) {
         "Every rule procedure by name -> whether this build has it.");
 
   m.def("run_reduce",
-        [](IR& ir, py::object quant_tab, int64_t max_rewrites, bool prune) {
+        [](IR& ir, py::object quant_tab, int64_t max_rewrites, bool prune, bool strict) {
           QuantBridge q(quant_tab);
           DriverOptions opt;
           opt.max_rewrites = max_rewrites;
           opt.prune = prune;
+          opt.strict = strict;
           DriverStats s;
           {
             py::gil_scoped_release nogil;
@@ -188,8 +191,10 @@ void init_rules(py::module& m) {
           return stats_to_python(s);
         },
         py::arg("ir"), py::arg("quant_tab") = py::none(), py::arg("max_rewrites") = 0,
-        py::arg("prune") = true,
-        "Runs cvt_reduce then fuse_reduce until nothing applies; returns the statistics.");
+        py::arg("prune") = true, py::arg("strict") = false,
+        "Runs cvt_reduce then fuse_reduce until nothing applies; returns the statistics.\n"
+        "strict: a rule that throws, or edits the graph and then does not apply, raises\n"
+        "RuleError instead of being undone and reported in 'rule_faults'.");
   m.def("prune_dead", &prune_dead, py::arg("ir"),
         "Removes nodes whose outputs nobody uses and constants nobody reads.");
 

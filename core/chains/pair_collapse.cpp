@@ -6,6 +6,7 @@
 
 #include "chains/chains.h"
 #include "host/builder.h"
+#include "host/edit.h"
 #include "host/helpers.h"
 
 namespace tolm {
@@ -40,7 +41,7 @@ RuleResult _p_bypass_two_transpose(IR& ir, const NodeList& nodes, QuantTable* /*
   const std::string root_in = transpose0->input[0];
   NodeList remove_ops;
   for (const NodePtr& tp : ir.next_nodes(*transpose0)) {
-    if (tp->op_type != "Transpose" || ir.is_output(tp->output[0])) continue;
+    if (tp->op_type() != "Transpose" || ir.is_output(tp->output[0])) continue;
     const auto perm_out = IR::get_attr_ints(*tp, "perm");
     if (!perm_out) continue;
     const Shape in_shape = ir.get_shape(tp->input[0]);
@@ -49,12 +50,7 @@ RuleResult _p_bypass_two_transpose(IR& ir, const NodeList& nodes, QuantTable* /*
     const std::vector<Perm> eq_perms = get_equivalent_perm_for_tp(*perm_out, in_shape);
     const bool bypass_able = std::find(eq_perms.begin(), eq_perms.end(), perm_inv) != eq_perms.end();
     if (!bypass_able) continue;
-
-    const std::string tp_out = tp->output[0];
-    for (const NodePtr& n : ir.next_nodes(*tp)) {
-      for (size_t i = 0; i < n->input.size(); ++i)
-        if (n->input[i] == tp_out) n->input.set(i, root_in);
-    }
+    if (!bypass_node(ir, *tp, root_in)) continue;
     remove_ops.push_back(tp);
   }
 
@@ -75,9 +71,11 @@ RuleResult _p_bypass_two_reshape(IR& ir, const NodeList& nodes, QuantTable* /*qu
   NodeList remove_ops;
   std::string new_in_name;
   for (const NodePtr& rs : ir.next_nodes(*reshape0)) {
-    if (rs->op_type != "Reshape") continue;
+    if (rs->op_type() != "Reshape" || rs->input[0] != reshape0->output[0]) continue;
     const Shape out_shape = ir.get_shape(rs->output[0]);
     if (out_shape != in_shape) continue;
+    // Readers inside a sub-graph cannot be moved to another tensor.
+    if (has_implicit_reader(ir, rs->output[0])) continue;
     if (ir.is_output(rs->output[0])) {
       // The graph output's name must survive: the producer of the root's
       // input takes it over, which only one branch can ask for.
@@ -88,29 +86,13 @@ RuleResult _p_bypass_two_reshape(IR& ir, const NodeList& nodes, QuantTable* /*qu
     remove_ops.push_back(rs);
   }
 
-  if (!new_in_name.empty()) {
-    // A constant root input has no producer to take the name.
-    const NodeList prev = ir.pre_nodes(root_in);
-    if (prev.empty()) return no_match();
-    const NodePtr p = prev[0];
-    for (const NodePtr& n : ir.next_nodes(*p)) {
-      if (n == reshape0) continue;
-      for (size_t i = 0; i < n->input.size(); ++i)
-        if (n->input[i] == root_in) ir.set_input(*n, i, new_in_name);
-    }
-    for (size_t i = 0; i < p->output.size(); ++i)
-      if (p->output[i] == root_in) ir.set_output(*p, i, new_in_name);
-    reshape0->input.set(0, new_in_name);
-  }
+  // The producer of the root's input takes the graph output's name, and all
+  // readers of that input (the root among them) follow. A constant root
+  // input has no producer to take it.
+  if (!new_in_name.empty() && !move_output_name(ir, root_in, new_in_name)) return no_match();
 
   const std::string survivor = reshape0->input[0];
-  for (const NodePtr& n : remove_ops) {
-    const std::string n_out = n->output[0];
-    for (const NodePtr& consumer : ir.next_nodes(*n)) {
-      for (size_t i = 0; i < consumer->input.size(); ++i)
-        if (consumer->input[i] == n_out) ir.set_input(*consumer, i, survivor);
-    }
-  }
+  for (const NodePtr& n : remove_ops) replace_all_uses(ir, n->output[0], survivor);
 
   if (ir.next_nodes(*reshape0).size() == remove_ops.size() && !ir.is_output(reshape0->output[0]))
     remove_ops.push_back(reshape0);
@@ -123,6 +105,11 @@ RuleResult _p_fuse_two_reshape(IR& ir, const NodeList& nodes, QuantTable* /*quan
   const NodePtr& reshape1 = nodes[1];
   const std::string input0 = reshape0->input[0];
 
+  // The first Reshape goes: its output must have no other use.
+  const std::string mid = reshape0->output[0];
+  if (ir.is_output(mid) || has_implicit_reader(ir, mid) || ir.next_nodes(mid) != NodeList{reshape1})
+    return no_match();
+
   const Shape i_shape = ir.get_shape(reshape0->input[0]);
   const Shape o_shape = ir.get_shape(reshape1->output[0]);
   std::string retain_mid;
@@ -132,27 +119,17 @@ RuleResult _p_fuse_two_reshape(IR& ir, const NodeList& nodes, QuantTable* /*quan
       retain_mid = reshape0->output[0];
   }
 
-  if (!retain_mid.empty() && !ir.is_input(input0) && !ir.is_output(input0)) {
+  if (!retain_mid.empty() && can_move_output_name(ir, input0, retain_mid)) {
     // A 4-D tensor that went to another rank and back: the middle tensor
     // carries the source model's name, so it replaces the input's name and
-    // the second Reshape is left as an identity for a later pass.
-    const NodeList node_pre = ir.pre_nodes(input0);
-    if (node_pre.empty()) return no_match();
-    const NodePtr producer = node_pre[0];
-    for (size_t i = 0; i < producer->output.size(); ++i)
-      if (producer->output[i] == input0) producer->output.set(i, retain_mid);
-    for (const NodePtr& nod : ir.next_nodes(input0)) {
-      if (nod == reshape0) continue;
-      for (size_t i = 0; i < nod->input.size(); ++i)
-        if (nod->input[i] == input0) nod->input.set(i, retain_mid);
-    }
+    // the second Reshape is left as an identity for a later pass. (A
+    // constant input has no producer to take the name: plain merge below.)
+    move_output_name(ir, input0, retain_mid, {reshape0});
     ir.set_shape(retain_mid, i_shape, false);
     // Its recorded shape is out of date.
-    auto& vi = ir.value_info();
-    const auto it = std::find(vi.begin(), vi.end(), retain_mid);
-    if (it != vi.end()) vi.erase(it);
+    ir.erase_value_info(retain_mid);
   } else {
-    reshape1->input.set(0, input0);
+    ir.set_input(*reshape1, 0, input0);
   }
   return {{reshape0}, {}};
 }
@@ -162,7 +139,7 @@ RuleResult _p_fuse_two_transpose(IR& ir, const NodeList& nodes, QuantTable* /*qu
   const NodePtr& transpose0 = nodes[0];
   const NodeList consumers = ir.next_nodes(*transpose0);
   std::vector<bool> next_op_is_tp;
-  for (const NodePtr& n : consumers) next_op_is_tp.push_back(n->op_type == "Transpose");
+  for (const NodePtr& n : consumers) next_op_is_tp.push_back(n->op_type() == "Transpose");
   if (std::none_of(next_op_is_tp.begin(), next_op_is_tp.end(), [](bool b) { return b; }))
     return no_match();
 
@@ -170,7 +147,7 @@ RuleResult _p_fuse_two_transpose(IR& ir, const NodeList& nodes, QuantTable* /*qu
   if (!perm0 || !is_permutation_of_rank(*perm0)) return no_match();
   // Every pair must compose before anything is rewritten.
   for (const NodePtr& n : consumers) {
-    if (n->op_type != "Transpose") continue;
+    if (n->op_type() != "Transpose") continue;
     const auto perm1 = IR::get_attr_ints(*n, "perm");
     if (!perm1 || perm1->size() != perm0->size() || !is_permutation_of_rank(*perm1))
       return no_match();
@@ -180,25 +157,19 @@ RuleResult _p_fuse_two_transpose(IR& ir, const NodeList& nodes, QuantTable* /*qu
   const std::string root_in = transpose0->input[0];
   NodeList rm_nodes;
   for (const NodePtr& n : consumers) {
-    if (n->op_type != "Transpose") continue;
+    if (n->op_type() != "Transpose") continue;
     const Perm perm1 = *IR::get_attr_ints(*n, "perm");
     Perm mr_perm(perm1.size());
     for (size_t i = 0; i < perm1.size(); ++i) mr_perm[i] = (*perm0)[perm1[i]];
 
     OpSpec opts;
     opts.outputs = n->output.names();
-    opts.name = n->name;
+    opts.name = n->name();
     if (mr_perm == iota_perm(mr_perm.size())) {
-      const std::string n_out = n->output[0];
-      if (ir.is_output(n_out)) {
-        // The graph output keeps its name through an Identity.
+      // The pair cancels. A graph output keeps its name through an Identity
+      // (as does a tensor read inside a sub-graph, whose readers cannot move).
+      if (ir.is_output(n->output[0]) || !bypass_node(ir, *n, root_in))
         g.op("Identity", {root_in}, opts);
-      } else {
-        for (const NodePtr& nn : ir.next_nodes(*n)) {
-          for (size_t i = 0; i < nn->input.size(); ++i)
-            if (nn->input[i] == n_out) ir.set_input(*nn, i, root_in);
-        }
-      }
     } else {
       opts.attrs = {Attr::make_ints("perm", mr_perm)};
       g.op("Transpose", {root_in}, opts);

@@ -1,5 +1,6 @@
 // Squeeze after Reshape: the Reshape can produce the squeezed shape itself.
 #include "chains/chains.h"
+#include "host/edit.h"
 
 namespace tolm {
 
@@ -12,12 +13,16 @@ RuleResult _p_fuse_squeeze_into_reshape(IR& ir, const NodeList& nodes, QuantTabl
 
   const Shape out_shape = ir.get_shape(squeeze->output[0]);
   if (out_shape.empty()) return no_match();
+  // The Reshape's own output is dropped: only the Squeeze may read it.
+  const std::string mid = reshape->output[0];
+  if (ir.is_output(mid) || has_implicit_reader(ir, mid) || ir.next_nodes(mid) != NodeList{squeeze})
+    return no_match();
 
-  // The target-shape constant now holds the squeezed shape, and the Reshape
-  // takes over the Squeeze's output, so its consumers need no rewiring.
-  ir.set_const(reshape->input[1], NDArray::from_i64(out_shape, dt::INT64));
-  const std::string squeezed = squeeze->output[0];
-  reshape->output.set(0, squeezed);
+  // The target-shape constant now holds the squeezed shape (a target other
+  // nodes share stays theirs), and the Reshape takes over the Squeeze's
+  // output, so its consumers need no rewiring.
+  set_own_const(ir, *reshape, 1, NDArray::from_i64(out_shape, dt::INT64), "_sq");
+  ir.set_output(*reshape, 0, squeeze->output[0]);
   return {{squeeze}, {}};
 }
 

@@ -8,6 +8,7 @@
 
 #include "dead/dead.h"
 #include "host/builder.h"
+#include "host/edit.h"
 #include "host/helpers.h"
 
 namespace tolm {
@@ -148,7 +149,7 @@ RuleResult _p_remove_invalid_node(IR& ir, const NodeList& nodes, QuantTable* qua
   if (nodes.empty()) return no_match();
   const NodePtr& node = nodes[0];
   if (node->input.empty() || node->output.empty()) return no_match();
-  const std::string& op = node->op_type;
+  const std::string& op = node->op_type();
 
   std::string input0 = node->input[0];
   const std::string output0 = node->output[0];
@@ -244,7 +245,7 @@ RuleResult _p_remove_invalid_node(IR& ir, const NodeList& nodes, QuantTable* qua
       // Same elements in the same order, another shape: a Reshape does it.
       OpSpec opts;
       opts.outputs = {output0};
-      opts.name = node->name + "_2rs";
+      opts.name = node->name() + "_2rs";
       g.op("Reshape", {node->input[0], std::vector<int64_t>(o_shape)}, opts);
       return {{node}, g.nodes};
     }
@@ -252,7 +253,7 @@ RuleResult _p_remove_invalid_node(IR& ir, const NodeList& nodes, QuantTable* qua
     if (!transpose_is_invalid(*node, i_shape)) return no_match();
   } else if (op == "Relu") {
     const NodeList nods = ir.pre_nodes(node->input[0]);
-    if (nods.empty() || nods[0]->op_type != "Relu") return no_match();
+    if (nods.empty() || nods[0]->op_type() != "Relu") return no_match();
   } else if (op == "Cast") {
     const auto to = IR::get_attr_int(*node, "to");
     if (!to || to_np_type(*to) != ir.get_dtype(input0)) return no_match();
@@ -263,6 +264,8 @@ RuleResult _p_remove_invalid_node(IR& ir, const NodeList& nodes, QuantTable* qua
     if (std::find(sv.begin(), sv.end(), -1) != sv.end()) return no_match();
   } else if (op == "BatchNormalization") {
     if (node->input.size() < 5) return no_match();
+    // In training mode the node normalises by the batch's own statistics.
+    if (IR::get_attr_int(*node, "training_mode").value_or(0) != 0) return no_match();
     const double identity_params[] = {1.0, 0.0, 0.0, 1.0};  // scale, bias, mean, variance
     for (size_t i = 1; i <= 4; ++i) {
       if (!const_all(ir.get_const(node->input[i]), identity_params[i - 1])) return no_match();
@@ -273,27 +276,11 @@ RuleResult _p_remove_invalid_node(IR& ir, const NodeList& nodes, QuantTable* qua
     if (!gather_is_invalid(ir, *node)) return no_match();
   }
 
-  // Bypass.
-  if (!ir.is_output(output0)) {
-    for (const NodePtr& nod : ir.next_nodes(*node)) {
-      for (size_t i = 0; i < nod->input.size(); ++i)
-        if (nod->input[i] == output0) ir.set_input(*nod, i, input0);
-    }
-    return {{node}, {}};
-  }
-
-  // The graph output keeps its name: the surviving tensor's producer takes it.
-  if (ir.is_input(input0)) return no_match();
-  const NodeList pre = ir.pre_nodes(input0);
-  if (pre.empty()) return no_match();
-  const NodePtr node_pre = pre[0];
-  for (size_t i = 0; i < node_pre->output.size(); ++i)
-    if (node_pre->output[i] == input0) ir.set_output(*node_pre, i, output0);
-  for (const NodePtr& nod : ir.next_nodes(input0)) {
-    if (nod == node) continue;
-    for (size_t i = 0; i < nod->input.size(); ++i)
-      if (nod->input[i] == input0) ir.set_input(*nod, i, output0);
-  }
+  // A node does nothing only if the surviving tensor is its output as it
+  // stands: a neutral constant that broadcasts the other operand, or a Where
+  // branch of a smaller shape, changes the output's shape.
+  if (op != "Cast" && (!ir.has_shape(input0) || ir.get_shape(input0) != o_shape)) return no_match();
+  if (!bypass_node(ir, *node, input0)) return no_match();
   return {{node}, {}};
 }
 

@@ -63,8 +63,8 @@ ElemwiseConst get_elemwise_const(const IR& ir, const Node& node) {
 
 std::map<std::string, int64_t> get_op_type_around_node(const IR& ir, const Node& node) {
   std::map<std::string, int64_t> counts;
-  for (const auto& n : ir.pre_nodes(node)) ++counts[n->op_type];
-  for (const auto& n : ir.next_nodes(node)) ++counts[n->op_type];
+  for (const auto& n : ir.pre_nodes(node)) ++counts[n->op_type()];
+  for (const auto& n : ir.next_nodes(node)) ++counts[n->op_type()];
   return counts;
 }
 
@@ -201,7 +201,7 @@ NodeList get_subgraph_nodes(const IR& ir, const NodeList& nodes,
     bool fits = true;
     for (size_t j = 0; j < k && fits; ++j) {
       const NodePtr& n = nodes[i + j];
-      fits = n && n->op_type == op_types[j] && (j == 0 || reads_output_of(*n, *nodes[i + j - 1]));
+      fits = n && n->op_type() == op_types[j] && (j == 0 || reads_output_of(*n, *nodes[i + j - 1]));
     }
     if (fits) return NodeList(nodes.begin() + static_cast<std::ptrdiff_t>(i),
                               nodes.begin() + static_cast<std::ptrdiff_t>(i + k));
@@ -252,7 +252,7 @@ bool match_sub_graph(const std::vector<NodeList>& levels,
   for (size_t i = 0; i < levels.size(); ++i) {
     if (levels[i].empty()) return false;
     for (const NodePtr& n : levels[i])
-      if (std::find(types[i].begin(), types[i].end(), n->op_type) == types[i].end()) return false;
+      if (std::find(types[i].begin(), types[i].end(), n->op_type()) == types[i].end()) return false;
   }
   return true;
 }
@@ -281,7 +281,7 @@ bool skip_no_quant(const IR& ir, const Node& node, size_t input_index) {
       {"ReduceSumSquare", {1}}, {"TopK", {1}},          {"CumSum", {1}},
       {"Where", {0}},          {"OneHot", {0, 1}},      {"ConstantOfShape", {0}},
   };
-  auto it = kParamInputs.find(node.op_type);
+  auto it = kParamInputs.find(node.op_type());
   if (it != kParamInputs.end() && it->second.count(input_index)) return true;
   const int32_t dtype = ir.get_dtype(node.input[input_index]);
   return dtype != dt::UNDEFINED && !dtype_is_float(dtype);

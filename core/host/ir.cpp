@@ -67,26 +67,63 @@ NodePtr Node::make(const std::string& op_type, const std::vector<std::string>& i
                    const std::vector<std::string>& outputs, const std::string& name,
                    const std::vector<Attr>& attrs, const std::string& domain) {
   auto n = std::make_shared<Node>(Token{});
-  n->op_type = op_type;
-  n->name = name;
+  n->op_type_ = op_type;
+  n->name_ = name;
   n->domain = domain;
   n->input.names_ = inputs;
   n->output.names_ = outputs;
-  n->attribute = attrs;
+  n->attribute_ = attrs;
   return n;
 }
 
 NodePtr Node::clone() const {
-  auto n = make(op_type, input.names_, output.names_, name, attribute, domain);
+  auto n = make(op_type_, input.names_, output.names_, name_, attribute_, domain);
   n->doc_string = doc_string;
   n->implicit_inputs = implicit_inputs;
   return n;
 }
 
 const Attr* Node::find_attr(const std::string& key) const {
-  for (const auto& a : attribute)
+  for (const auto& a : attribute_)
     if (a.name == key) return &a;
   return nullptr;
+}
+
+void Node::set_name(const std::string& name) {
+  if (owner_)
+    owner_->rename_node(*this, name);
+  else
+    name_ = name;
+}
+
+void Node::set_op_type(const std::string& op_type) {
+  if (owner_)
+    owner_->set_op_type(*this, op_type);
+  else
+    op_type_ = op_type;
+}
+
+void Node::set_attr(const Attr& attr) {
+  if (owner_) {
+    owner_->set_attr(*this, attr);
+    return;
+  }
+  for (auto& a : attribute_)
+    if (a.name == attr.name) {
+      a = attr;
+      return;
+    }
+  attribute_.push_back(attr);
+}
+
+bool Node::remove_attr(const std::string& key) {
+  if (owner_) return owner_->remove_attr(*this, key);
+  for (auto it = attribute_.begin(); it != attribute_.end(); ++it)
+    if (it->name == key) {
+      attribute_.erase(it);
+      return true;
+    }
+  return false;
 }
 
 // ---------------------------------------------------------------------- IR
@@ -121,20 +158,30 @@ bool IR::has_shape(const std::string& t) const {
 }
 
 void IR::set_shape(const std::string& t, const Shape& shape, bool check_size, int32_t dtype) {
-  TensorInfo& ti = info(t);
-  if (check_size && ti.has_shape && shape_size(ti.shape) != shape_size(shape)) {
+  auto found = tensors_.find(t);
+  if (found != tensors_.end() && found->second.has_shape && found->second.shape == shape &&
+      (dtype == dt::UNDEFINED || dtype == found->second.dtype))
+    return;
+  if (check_size && found != tensors_.end() && found->second.has_shape &&
+      shape_size(found->second.shape) != shape_size(shape)) {
     throw std::logic_error("set_shape changes the element count of " + t);
   }
+  record_tensor(t);
+  TensorInfo& ti = info(t);
   ti.shape = shape;
   ti.has_shape = true;
   if (dtype != dt::UNDEFINED) ti.dtype = dtype;
+  // Readers of a tensor that changed shape may now match differently.
+  touch_tensor_neighbours(&ti);
 }
 
 void IR::clear_shape(const std::string& t) {
   auto it = tensors_.find(t);
-  if (it == tensors_.end()) return;
+  if (it == tensors_.end() || !it->second.has_shape) return;
+  record_tensor(t);
   it->second.has_shape = false;
   it->second.shape.clear();
+  touch_tensor_neighbours(&it->second);
 }
 
 int32_t IR::get_dtype(const std::string& t) const {
@@ -145,7 +192,14 @@ int32_t IR::get_dtype(const std::string& t) const {
   return dt::UNDEFINED;
 }
 
-void IR::set_dtype(const std::string& t, int32_t dtype) { info(t).dtype = dtype; }
+void IR::set_dtype(const std::string& t, int32_t dtype) {
+  auto it = tensors_.find(t);
+  if (it != tensors_.end() && it->second.dtype == dtype) return;
+  record_tensor(t);
+  TensorInfo& ti = info(t);
+  ti.dtype = dtype;
+  touch_tensor_neighbours(&ti);
+}
 
 // -------------------------------------------------------------- attributes
 
@@ -176,20 +230,64 @@ std::optional<float> IR::get_attr_float(const Node& node, const std::string& key
 }
 
 void IR::set_attr(Node& node, const Attr& attr) {
-  for (auto& a : node.attribute) {
+  if (node.owner_ != this) {
+    node.set_attr(attr);
+    return;
+  }
+  record_header(node);
+  touch(&node);
+  for (auto& a : node.attribute_) {
     if (a.name == attr.name) {
       a = attr;
-      if (node.owner_ == this) touch(&node);
       return;
     }
   }
-  node.attribute.push_back(attr);
-  if (node.owner_ == this) touch(&node);
+  node.attribute_.push_back(attr);
+}
+
+bool IR::remove_attr(Node& node, const std::string& key) {
+  if (node.owner_ != this) return node.remove_attr(key);
+  for (auto it = node.attribute_.begin(); it != node.attribute_.end(); ++it) {
+    if (it->name != key) continue;
+    record_header(node);
+    touch(&node);
+    node.attribute_.erase(it);
+    return true;
+  }
+  return false;
+}
+
+void IR::rename_node(Node& node, const std::string& name) {
+  if (node.owner_ != this) {
+    node.set_name(name);
+    return;
+  }
+  if (node.name_ == name) return;
+  auto other = by_name_.find(name);
+  if (name.empty() || (other != by_name_.end() && other->second != &node))
+    throw std::logic_error("node name '" + name + "' is empty or held by another node");
+  record_header(node);
+  auto bn = by_name_.find(node.name_);
+  if (bn != by_name_.end() && bn->second == &node) by_name_.erase(bn);
+  node.name_ = name;
+  by_name_[name] = &node;
+  touch(&node);
+}
+
+void IR::set_op_type(Node& node, const std::string& op_type) {
+  if (node.owner_ != this) {
+    node.set_op_type(op_type);
+    return;
+  }
+  if (node.op_type_ == op_type) return;
+  record_header(node);
+  node.op_type_ = op_type;
+  touch(&node);
 }
 
 bool IR::same_attr(const Node& a, const Node& b) {
-  if (a.attribute.size() != b.attribute.size()) return false;
-  for (const auto& x : a.attribute) {
+  if (a.attribute_.size() != b.attribute_.size()) return false;
+  for (const auto& x : a.attribute_) {
     const Attr* y = b.find_attr(x.name);
     if (!y || *y != x) return false;
   }
@@ -210,6 +308,13 @@ const NDArray* IR::get_const_optional(const Node& node, size_t i) const {
 
 void IR::set_const(const std::string& t, const NDArray& value) {
   auto it = consts_.find(t);
+  if (recording_) {
+    record_tensor(t);  // replayed after the constant itself is put back
+    UndoRecord r{UndoRecord::kConst};
+    r.name = t;
+    if (it != consts_.end()) r.value = std::move(it->second);
+    undo_.push_back(std::move(r));
+  }
   if (it == consts_.end()) {
     consts_.emplace(t, value);
     const_order.push_back(t);
@@ -229,7 +334,23 @@ void IR::set_const(const std::string& t, const NDArray& value) {
 }
 
 void IR::erase_const(const std::string& t) {
-  consts_.erase(t);
+  auto c = consts_.find(t);
+  if (c == consts_.end()) return;
+  if (recording_) {
+    UndoRecord r{UndoRecord::kEraseConst};
+    r.name = t;
+    r.value = std::move(c->second);
+    auto pos = std::find(const_order.begin(), const_order.end(), t);
+    r.index = static_cast<size_t>(pos - const_order.begin());
+    record_tensor(t);
+    undo_.push_back(std::move(r));
+  }
+  consts_.erase(c);
+  {
+    // Keep the save order free of names that are no constant.
+    auto pos = std::find(const_order.begin(), const_order.end(), t);
+    if (pos != const_order.end()) const_order.erase(pos);
+  }
   auto it = tensors_.find(t);
   if (it != tensors_.end()) it->second.constant = false;
   if (it != tensors_.end() && it->second.uses.empty() && it->second.producers.empty() &&
@@ -423,6 +544,14 @@ void IR::touch_tensor_neighbours(const TensorInfo* ti) {
 void IR::port_write(Node& node, bool is_output, size_t i, const std::string& t) {
   auto& names = is_output ? node.output.names_ : node.input.names_;
   if (names[i] == t) return;
+  if (recording_) {
+    UndoRecord r{UndoRecord::kPortSet};
+    r.node = node.shared_from_this();
+    r.is_output = is_output;
+    r.index = i;
+    r.name = names[i];
+    undo_.push_back(std::move(r));
+  }
   if (journal_on_) {
     touch(&node);
     auto& tis = is_output ? node.out_ti_ : node.in_ti_;
@@ -441,14 +570,35 @@ void IR::port_write(Node& node, bool is_output, size_t i, const std::string& t) 
   invalidate_order();
 }
 
+void IR::record_port_list(Node& node, bool is_output) {
+  if (!recording_) return;
+  UndoRecord r{UndoRecord::kPortList};
+  r.node = node.shared_from_this();
+  r.is_output = is_output;
+  r.names = is_output ? node.output.names_ : node.input.names_;
+  undo_.push_back(std::move(r));
+}
+
 void IR::port_resize(Node& node, bool is_output, size_t n) {
   auto& names = is_output ? node.output.names_ : node.input.names_;
+  if (names.size() == n) return;
+  record_port_list(node, is_output);
+  const bool was = recording_;
+  recording_ = false;  // the snapshot above covers the slot edits below
   while (names.size() > n) port_erase(node, is_output, names.size() - 1);
   names.resize(n);
+  recording_ = was;
+  touch(&node);
+  invalidate_order();
 }
 
 void IR::port_erase(Node& node, bool is_output, size_t i) {
   auto& names = is_output ? node.output.names_ : node.input.names_;
+  record_port_list(node, is_output);
+  if (journal_on_) {
+    auto& tis = is_output ? node.out_ti_ : node.in_ti_;
+    touch_tensor_neighbours(i < tis.size() ? tis[i] : nullptr);
+  }
   // Slots after i shift down: re-key their entries.
   for (size_t k = i; k < names.size(); ++k) {
     if (is_output)
@@ -473,7 +623,19 @@ void IR::add_node(const NodePtr& node) { add_node(node, ++max_order_); }
 
 void IR::add_node(const NodePtr& node, int64_t order) {
   if (node->owner_ == this) return;
-  if (node->owner_ != nullptr) throw std::logic_error("node " + node->name + " is in another graph");
+  if (node->owner_ != nullptr) throw std::logic_error("node " + node->name_ + " is in another graph");
+  // Whatever is keyed by node name (paused rules, mesh bookkeeping) must
+  // name one node: an unnamed node, or one whose name another node holds,
+  // gets a free name.
+  if (node->name_.empty() || by_name_.count(node->name_) != 0) {
+    const std::string base = node->name_.empty() ? node->op_type_ : node->name_;
+    int64_t& k = auto_name_next_[base];
+    std::string cand;
+    do {
+      cand = base + "_" + std::to_string(k++);
+    } while (by_name_.count(cand) != 0);
+    node->name_ = cand;
+  }
   node->owner_ = this;
   node->order_ = order;
   if (order > max_order_) max_order_ = order;
@@ -486,7 +648,12 @@ void IR::add_node(const NodePtr& node, int64_t order) {
     slots_.push_back(node);
   }
   ++alive_;
-  if (!node->name.empty()) by_name_[node->name] = node.get();
+  by_name_[node->name_] = node.get();
+  if (recording_) {
+    UndoRecord r{UndoRecord::kAddNode};
+    r.node = node;
+    undo_.push_back(std::move(r));
+  }
   for (size_t i = 0; i < node->input.names_.size(); ++i)
     attach_use(node->input.names_[i], node.get(), static_cast<uint32_t>(i));
   for (size_t k = 0; k < node->implicit_inputs.size(); ++k)
@@ -504,6 +671,12 @@ void IR::add_node(const NodePtr& node, int64_t order) {
 void IR::remove_node(Node& node) {
   if (node.owner_ != this) return;
   NodePtr keep = node.shared_from_this();
+  if (recording_) {
+    UndoRecord r{UndoRecord::kRemoveNode};
+    r.node = keep;
+    r.order = node.order_;
+    undo_.push_back(std::move(r));
+  }
   if (journal_on_) {
     for (const TensorInfo* ti : node.in_ti_) touch_tensor_neighbours(ti);
     for (const TensorInfo* ti : node.out_ti_) touch_tensor_neighbours(ti);
@@ -513,7 +686,7 @@ void IR::remove_node(Node& node) {
   for (size_t k = 0; k < node.implicit_inputs.size(); ++k)
     detach_use(&node, kImplicit | static_cast<uint32_t>(k));
   for (size_t i = 0; i < node.output.names_.size(); ++i) detach_producer(&node, i);
-  auto bn = by_name_.find(node.name);
+  auto bn = by_name_.find(node.name_);
   if (bn != by_name_.end() && bn->second == &node) by_name_.erase(bn);
   slots_[node.slot_] = nullptr;
   free_slots_.push_back(node.slot_);
@@ -540,7 +713,145 @@ std::string IR::unique_tensor_name(const std::string& base) const {
   }
 }
 
-std::string IR::unique_node_name(const std::string& base) const { return unique_tensor_name(base); }
+std::string IR::unique_node_name(const std::string& base) const {
+  if (by_name_.count(base) == 0) return base;
+  for (int64_t k = 1;; ++k) {
+    std::string cand = base + "_" + std::to_string(k);
+    if (by_name_.count(cand) == 0) return cand;
+  }
+}
+
+void IR::set_value_info(std::vector<std::string> names) {
+  if (recording_) {
+    UndoRecord r{UndoRecord::kValueInfo};
+    r.names = value_info_;
+    undo_.push_back(std::move(r));
+  }
+  value_info_ = std::move(names);
+}
+
+bool IR::erase_value_info(const std::string& name) {
+  auto it = std::find(value_info_.begin(), value_info_.end(), name);
+  if (it == value_info_.end()) return false;
+  std::vector<std::string> next = value_info_;
+  next.erase(next.begin() + (it - value_info_.begin()));
+  set_value_info(std::move(next));
+  return true;
+}
+
+// ------------------------------------------------------- edit transactions
+
+void IR::begin_edit() {
+  undo_.clear();
+  recording_ = true;
+}
+
+void IR::commit_edit() {
+  undo_.clear();
+  recording_ = false;
+}
+
+void IR::rollback_edit() {
+  recording_ = false;
+  for (auto it = undo_.rbegin(); it != undo_.rend(); ++it) undo(*it);
+  undo_.clear();
+}
+
+void IR::record_tensor(const std::string& t) {
+  if (!recording_) return;
+  UndoRecord r{UndoRecord::kTensor};
+  r.name = t;
+  auto it = tensors_.find(t);
+  if (it != tensors_.end()) {
+    r.existed = true;
+    r.constant = it->second.constant;
+    r.has_shape = it->second.has_shape;
+    r.shape = it->second.shape;
+    r.dtype = it->second.dtype;
+  }
+  undo_.push_back(std::move(r));
+}
+
+void IR::record_header(Node& node) {
+  if (!recording_ || node.owner_ != this) return;
+  UndoRecord r{UndoRecord::kHeader};
+  r.node = node.shared_from_this();
+  r.op_type = node.op_type_;
+  r.name = node.name_;
+  r.attrs = node.attribute_;
+  undo_.push_back(std::move(r));
+}
+
+void IR::undo(UndoRecord& r) {
+  switch (r.kind) {
+    case UndoRecord::kPortSet:
+      if (r.node->owner_ == this) port_write(*r.node, r.is_output, r.index, r.name);
+      break;
+    case UndoRecord::kPortList:
+      if (r.node->owner_ == this) {
+        port_resize(*r.node, r.is_output, r.names.size());
+        for (size_t i = 0; i < r.names.size(); ++i) port_write(*r.node, r.is_output, i, r.names[i]);
+      }
+      break;
+    case UndoRecord::kHeader:
+      if (r.node->owner_ == this) {
+        if (r.node->name_ != r.name) rename_node(*r.node, r.name);
+        r.node->op_type_ = r.op_type;
+        r.node->attribute_ = r.attrs;
+        touch(r.node.get());
+      }
+      break;
+    case UndoRecord::kTensor: {
+      auto it = tensors_.find(r.name);
+      if (!r.existed) {
+        if (it != tensors_.end() && it->second.uses.empty() && it->second.producers.empty() &&
+            !is_input(r.name) && !is_output(r.name) && consts_.count(r.name) == 0)
+          tensors_.erase(it);
+        else if (it != tensors_.end()) {
+          it->second.has_shape = false;
+          it->second.shape.clear();
+          it->second.dtype = dt::UNDEFINED;
+          it->second.constant = false;
+        }
+        break;
+      }
+      TensorInfo& ti = info(r.name);
+      ti.constant = r.constant;
+      ti.has_shape = r.has_shape;
+      ti.shape = r.shape;
+      ti.dtype = r.dtype;
+      touch_tensor_neighbours(&ti);
+      break;
+    }
+    case UndoRecord::kConst:
+      if (r.value) {
+        consts_[r.name] = std::move(*r.value);
+      } else {
+        consts_.erase(r.name);
+        for (size_t k = const_order.size(); k-- > 0;)
+          if (const_order[k] == r.name) {
+            const_order.erase(const_order.begin() + static_cast<std::ptrdiff_t>(k));
+            break;
+          }
+      }
+      break;
+    case UndoRecord::kEraseConst:
+      consts_[r.name] = std::move(*r.value);
+      const_order.insert(const_order.begin() + static_cast<std::ptrdiff_t>(
+                                                   std::min(r.index, const_order.size())),
+                         r.name);
+      break;
+    case UndoRecord::kAddNode:
+      remove_node(*r.node);
+      break;
+    case UndoRecord::kRemoveNode:
+      add_node(r.node, r.order);
+      break;
+    case UndoRecord::kValueInfo:
+      value_info_ = std::move(r.names);
+      break;
+  }
+}
 
 const NodeList& IR::node() const {
   if (order_valid_) return order_cache_;

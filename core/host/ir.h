@@ -69,13 +69,21 @@ class Node : public std::enable_shared_from_this<Node> {
                       const std::vector<std::string>& outputs, const std::string& name = "",
                       const std::vector<Attr>& attrs = {}, const std::string& domain = "");
 
-  std::string op_type;
-  std::string name;
+  // Read freely; changed only through set_name / set_op_type / set_attr,
+  // which go through the owning graph (its name index, its change journal).
+  const std::string& op_type() const { return op_type_; }
+  const std::string& name() const { return name_; }
+  const std::vector<Attr>& attribute() const { return attribute_; }
+  void set_name(const std::string& name);
+  void set_op_type(const std::string& op_type);
+  void set_attr(const Attr& attr);
+  // Drops the attribute of that name; false if there was none.
+  bool remove_attr(const std::string& key);
+
   std::string domain;
   std::string doc_string;
   PortList input;
   PortList output;
-  std::vector<Attr> attribute;
   // Outer-scope tensors read inside sub-graph attributes (If, Loop, Scan):
   // indexed as uses so that their producers are never taken for dead.
   std::vector<std::string> implicit_inputs;
@@ -93,6 +101,9 @@ class Node : public std::enable_shared_from_this<Node> {
  private:
   friend class IR;
   friend class PortList;
+  std::string op_type_;
+  std::string name_;
+  std::vector<Attr> attribute_;
   IR* owner_ = nullptr;
   // Where each input's (and implicit input's) use entry sits in its tensor's
   // use list, so that dropping a use is O(1) however many readers it has.
@@ -137,6 +148,38 @@ struct QuantRecord {
 };
 using QuantTable = std::map<std::string, QuantRecord>;
 
+// One recorded edit of an open edit transaction: enough to put back what the
+// edit changed. Records are replayed newest first.
+struct UndoRecord {
+  enum Kind : uint8_t {
+    kPortSet,     // one input/output slot: `name` was there
+    kPortList,    // a whole input/output list: `names` was there
+    kHeader,      // op type, name and attributes of `node`
+    kTensor,      // shape, type and constant flag of tensor `name`
+    kConst,       // constant `name`: `value` (absent: there was none)
+    kEraseConst,  // constant `name` was dropped: `value`, at `index` in the save order
+    kAddNode,     // `node` was put into the graph
+    kRemoveNode,  // `node` was taken out, with order key `order`
+    kValueInfo,   // the value_info list was `names`
+  };
+  Kind kind;
+  NodePtr node;
+  bool is_output = false;
+  size_t index = 0;
+  int64_t order = 0;
+  std::string name;
+  std::vector<std::string> names;
+  std::string op_type;
+  std::vector<Attr> attrs;
+  // The tensor's index entry as it was; `existed` false when there was none.
+  bool existed = false;
+  bool constant = false;
+  bool has_shape = false;
+  Shape shape;
+  int32_t dtype = 0;
+  std::optional<NDArray> value;
+};
+
 class IR {
  public:
   static constexpr uint32_t kImplicit = 0x80000000u;
@@ -157,6 +200,14 @@ class IR {
   void clear_shape(const std::string& t);
   int32_t get_dtype(const std::string& t) const;
   void set_dtype(const std::string& t, int32_t dtype);
+
+  // ---- node records -----------------------------------------------------
+  // Node names are unique within a graph: a node put in without a name, or
+  // under a name another node holds, gets a free one (its op type plus a
+  // counter), so whatever is keyed by node name names one node.
+  void rename_node(Node& node, const std::string& name);
+  void set_op_type(Node& node, const std::string& op_type);
+  bool remove_attr(Node& node, const std::string& key);
 
   // ---- attributes -------------------------------------------------------
   static const Attr* get_attr(const Node& node, const std::string& key);
@@ -214,6 +265,7 @@ class IR {
   void reserve(size_t nodes, size_t tensors);
   // A name that no tensor, constant or node holds yet, from base and suffix.
   std::string unique_tensor_name(const std::string& base) const;
+  // A name that no node holds yet: base itself, or base plus "_k".
   std::string unique_node_name(const std::string& base) const;
   bool name_taken(const std::string& name) const;
 
@@ -221,8 +273,10 @@ class IR {
   bool depends_on(const Node& node, const std::string& t) const;
 
   // ---- value_info records held from the model -----------------------------
-  std::vector<std::string>& value_info() { return value_info_; }
   const std::vector<std::string>& value_info() const { return value_info_; }
+  void set_value_info(std::vector<std::string> names);
+  // Drops the first record of that name (its shape is out of date); false if none.
+  bool erase_value_info(const std::string& name);
 
   // ---- model facts ------------------------------------------------------
   int64_t opset() const { return opset_; }
@@ -234,6 +288,19 @@ class IR {
   std::optional<int64_t> dynamic_idx;
   TpCache tmp_reduce_tp_cache;
   std::map<std::string, std::vector<std::string>> op_ruler_pause;
+
+  // ---- edit transactions ---------------------------------------------------
+  // While a transaction is open, every edit of the graph (connections, node
+  // records, shapes, constants, nodes in and out) is recorded, so that the
+  // driver can tell whether a rule changed anything and can put the graph
+  // back as it was when a rule fails half-way. State kept for the rules
+  // across calls (op_ruler_pause, tmp_reduce_tp_cache) is no edit.
+  void begin_edit();
+  bool in_edit() const { return recording_; }
+  // Anything recorded since begin_edit.
+  bool edited() const { return !undo_.empty(); }
+  void commit_edit();
+  void rollback_edit();
 
   // ---- change journal (read by the driver) --------------------------------
   // While on, every edit records the nodes whose neighbourhood changed and the
@@ -259,9 +326,13 @@ class IR {
   void detach_producer(Node* n, size_t slot);
   void port_write(Node& node, bool is_output, size_t i, const std::string& t);
   void port_resize(Node& node, bool is_output, size_t n);
+  void record_port_list(Node& node, bool is_output);
   void port_erase(Node& node, bool is_output, size_t i);
   void invalidate_order() { order_valid_ = false; }
   TensorInfo& info(const std::string& t);
+  void record_tensor(const std::string& t);
+  void record_header(Node& node);
+  void undo(UndoRecord& r);
   const TensorInfo* port_info(const Node& node, bool is_output, size_t i) const;
   void sort_consumers(NodeList& list) const;
 
@@ -281,6 +352,10 @@ class IR {
   std::vector<NodePtr> touched_;
   std::vector<std::string> released_;
   int64_t max_order_ = 0;
+  // Next counter per op type for the names of unnamed nodes.
+  std::unordered_map<std::string, int64_t> auto_name_next_;
+  std::vector<UndoRecord> undo_;
+  bool recording_ = false;
 };
 
 }  // namespace tolm

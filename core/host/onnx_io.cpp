@@ -475,12 +475,14 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
              static_cast<size_t>(g.node_size()) + static_cast<size_t>(g.value_info_size()) +
                  static_cast<size_t>(g.initializer_size()) + static_cast<size_t>(g.input_size()) +
                  static_cast<size_t>(g.output_size()));
-  ir.value_info().reserve(static_cast<size_t>(g.value_info_size()));
+  std::vector<std::string> value_info_names;
+  value_info_names.reserve(static_cast<size_t>(g.value_info_size()));
   for (const auto& vi : g.value_info()) {
-    ir.value_info().push_back(vi.name());
+    value_info_names.push_back(vi.name());
     if (input_vi.count(vi.name())) continue;
     apply_type(ir, vi.name(), vi.type(), model_shapes);
   }
+  ir.set_value_info(std::move(value_info_names));
   for (const auto& vi : g.output()) {
     ir.add_graph_output(vi.name());
     ir.io_value_info[vi.name()] = vi.SerializeAsString();
@@ -566,6 +568,23 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
   }
 
   // ---- nodes
+  // Exporters often leave node names empty, yet rules keep some records by
+  // node name: an unnamed node is named after its op type and a counter,
+  // clear of every name the model already gives.
+  std::unordered_set<std::string> given_names;
+  for (int i = 0; i < n_nodes; ++i)
+    if (!g.node(i).name().empty()) given_names.insert(g.node(i).name());
+  std::unordered_map<std::string, int64_t> unnamed_next;
+  auto name_for = [&](const onnx::NodeProto& np) {
+    if (!np.name().empty()) return np.name();
+    int64_t& k = unnamed_next[np.op_type()];
+    std::string cand;
+    do {
+      cand = np.op_type() + "_" + std::to_string(k++);
+    } while (given_names.count(cand) != 0);
+    given_names.insert(cand);
+    return cand;
+  };
   for (int i = 0; i < n_nodes; ++i) {
     const onnx::NodeProto& np = g.node(i);
     if (np.op_type() == "Constant" && is_default_domain(np.domain()) && np.output_size() == 1 &&
@@ -580,7 +599,7 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
     attrs.reserve(static_cast<size_t>(np.attribute_size()));
     for (const auto& ap : np.attribute()) attrs.push_back(attr_from_proto(ap));
     NodePtr node = Node::make(np.op_type(), std::vector<std::string>(np.input().begin(), np.input().end()),
-                              std::vector<std::string>(np.output().begin(), np.output().end()), np.name(),
+                              std::vector<std::string>(np.output().begin(), np.output().end()), name_for(np),
                               attrs, np.domain());
     if (!np.doc_string().empty()) node->doc_string = np.doc_string();
     auto im = implicit.find(i);
@@ -701,12 +720,12 @@ std::string save_model(const IR& ir) {
     for (const auto& t : n->implicit_inputs) note_use(t);
     np->mutable_output()->Reserve(static_cast<int>(n->output.size()));
     for (const auto& t : n->output) np->add_output(t);
-    if (!n->name.empty()) np->set_name(n->name);
-    np->set_op_type(n->op_type);
+    if (!n->name().empty()) np->set_name(n->name());
+    np->set_op_type(n->op_type());
     if (!n->domain.empty()) np->set_domain(n->domain);
     if (!n->doc_string.empty()) np->set_doc_string(n->doc_string);
-    np->mutable_attribute()->Reserve(static_cast<int>(n->attribute.size()));
-    for (const auto& a : n->attribute) attr_to_proto(a, np->add_attribute());
+    np->mutable_attribute()->Reserve(static_cast<int>(n->attribute().size()));
+    for (const auto& a : n->attribute()) attr_to_proto(a, np->add_attribute());
   }
   for (const auto& t : ir.outputs()) note_use(t);
 

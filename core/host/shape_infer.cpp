@@ -107,7 +107,7 @@ bool matmul_shape(const Shape& a_in, const Shape& b_in, Shape& out) {
 // Our inference for the compiler's extended ops. Returns -1 when the op is not
 // one of them, else 0/1 for failure/success.
 int infer_extended(IR& ir, Node& node, bool overwrite) {
-  const std::string& op = node.op_type;
+  const std::string& op = node.op_type();
   if (op != "exDataConvert" && op != "exMatMul" && op != "exNorm" && op != "exSoftmax13" &&
       op != "exSwish" && op != "exGlu")
     return -1;
@@ -227,18 +227,18 @@ bool infer_onnx(IR& ir, Node& node, bool overwrite, GeneratedShapes* generated) 
   const bool default_domain = node.domain.empty() || node.domain == "ai.onnx";
   const std::string domain = default_domain ? std::string() : node.domain;
   const onnx::OpSchema* schema =
-      default_domain ? onnx::OpSchemaRegistry::Schema(node.op_type, static_cast<int>(ir.opset()), domain)
-                     : onnx::OpSchemaRegistry::Schema(node.op_type, domain);
+      default_domain ? onnx::OpSchemaRegistry::Schema(node.op_type(), static_cast<int>(ir.opset()), domain)
+                     : onnx::OpSchemaRegistry::Schema(node.op_type(), domain);
   if (!schema || !schema->has_type_and_shape_inference_function()) return false;
 
   onnx::NodeProto np;
-  np.set_op_type(node.op_type);
+  np.set_op_type(node.op_type());
   if (!domain.empty()) np.set_domain(domain);
-  np.set_name(node.name);
+  np.set_name(node.name());
   for (const auto& t : node.input) np.add_input(t);
   for (const auto& t : node.output) np.add_output(t);
   bool has_graph_attr = false;
-  for (const auto& a : node.attribute) {
+  for (const auto& a : node.attribute()) {
     onnx::AttributeProto* ap = np.add_attribute();
     onnx_convert::attr_to_proto(a, ap);
     if (ap->has_g() || ap->graphs_size() > 0) has_graph_attr = true;
@@ -341,8 +341,8 @@ bool infer_impl(IR& ir, Node& node, bool overwrite, GeneratedShapes* generated) 
     const int ext = infer_extended(ir, node, overwrite);
     if (ext >= 0) return ext == 1;
     const bool default_domain = node.domain.empty() || node.domain == "ai.onnx";
-    if (default_domain && ir.opset() >= 18 && is_reduce18(node.op_type)) return infer_reduce(ir, node, overwrite);
-    if (default_domain && ir.opset() > default_opset_max() && node.op_type == "Split" &&
+    if (default_domain && ir.opset() >= 18 && is_reduce18(node.op_type())) return infer_reduce(ir, node, overwrite);
+    if (default_domain && ir.opset() > default_opset_max() && node.op_type() == "Split" &&
         IR::get_attr_int(node, "num_outputs")) {
       // Split-18 num_outputs: like Split-13 with no lengths, but the last
       // chunk may be smaller; compute it ourselves.
@@ -385,7 +385,7 @@ void infer_missing(IR& ir) {
       }
     // Nodes of shape computations run even when their outputs are known, so
     // that the values they carry reach a Reshape or Expand further down.
-    if (!run) run = n->op_type == "Shape" && n->domain.empty();
+    if (!run) run = n->op_type() == "Shape" && n->domain.empty();
     if (!run && !generated.empty())
       for (const auto& t : n->input)
         if (generated.count(t)) {

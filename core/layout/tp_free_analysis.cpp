@@ -64,8 +64,8 @@ void _func_is_tensor_tp_free(IR& ir, const Names& tp_free_op_type,
     }
   };
   auto visit = [&](const NodePtr& nod) {
-    const bool blocks = !has(tp_free_op_type, nod->op_type) ||
-                        has(last_time_tp_change_unsupport_op, nod->name) ||
+    const bool blocks = !has(tp_free_op_type, nod->op_type()) ||
+                        has(last_time_tp_change_unsupport_op, nod->name()) ||
                         nod->input.size() > kMaxMeshNodePorts ||
                         nod->output.size() > kMaxMeshNodePorts;
     if (blocks) {
@@ -74,8 +74,8 @@ void _func_is_tensor_tp_free(IR& ir, const Names& tp_free_op_type,
       append_unique(block_list, t_name);
       return;
     }
-    collect(nod->input, ignored(op_io_ignore_dicts.first, nod->op_type));
-    collect(nod->output, ignored(op_io_ignore_dicts.second, nod->op_type));
+    collect(nod->input, ignored(op_io_ignore_dicts.first, nod->op_type()));
+    collect(nod->output, ignored(op_io_ignore_dicts.second, nod->op_type()));
   };
   for (const NodePtr& nod : pre_nodes) visit(nod);
   for (const NodePtr& nod : next_nodes) visit(nod);
@@ -113,7 +113,7 @@ std::pair<Names, Names> _func_get_tp_pass_op(IR& ir, const Names& tp_free_op_typ
     const NodeList prev_node = ir.pre_nodes(t_name);
     if (prev_node.size() != 1) continue;
     const NodePtr& p_nod = prev_node[0];
-    if (!has(tp_free_op_type, p_nod->op_type)) continue;
+    if (!has(tp_free_op_type, p_nod->op_type())) continue;
 
     // Every operand of the node that takes part in the layout must be a
     // tensor of the mesh.
@@ -124,12 +124,12 @@ std::pair<Names, Names> _func_get_tp_pass_op(IR& ir, const Names& tp_free_op_typ
         if (!is_ignored(skip, i) && !has(tp_tensors, ports[i])) valid = false;
       }
     };
-    check(p_nod->input, ignored(op_io_ignore_dicts.first, p_nod->op_type));
-    check(p_nod->output, ignored(op_io_ignore_dicts.second, p_nod->op_type));
+    check(p_nod->input, ignored(op_io_ignore_dicts.first, p_nod->op_type()));
+    check(p_nod->output, ignored(op_io_ignore_dicts.second, p_nod->op_type()));
 
-    if (valid && !has(last_time_tp_change_unsupport_op, p_nod->name)) {
-      tp_free_pass_op.push_back(p_nod->name);
-      if (has(tp_change_param_op_type, p_nod->op_type)) param_changed_ops.push_back(p_nod->name);
+    if (valid && !has(last_time_tp_change_unsupport_op, p_nod->name())) {
+      tp_free_pass_op.push_back(p_nod->name());
+      if (has(tp_change_param_op_type, p_nod->op_type())) param_changed_ops.push_back(p_nod->name());
     }
   }
   return {tp_free_pass_op, param_changed_ops};

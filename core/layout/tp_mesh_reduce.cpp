@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "host/builder.h"
+#include "host/edit.h"
 #include "host/log.h"
 #include "layout/layout.h"
 
@@ -71,37 +72,15 @@ NDArray transpose_const(const NDArray& data, const Perm& perm) {
   return NDArray(data.dtype(), out_shape, std::move(raw));
 }
 
-// Gives `node` input `idx` the constant `value`. A constant that others read
-// as well is left to them and the node gets its own copy.
+// Gives `node` input `idx` the constant `value`; one that others read as
+// well is left to them.
 void set_node_const(IR& ir, Node& node, size_t idx, const NDArray& value) {
-  const std::string& name = node.input[idx];
-  if (ir.use_count(name) <= 1 && !ir.is_output(name)) {
-    ir.set_const(name, value);
-    ir.set_shape(name, value.shape(), false, value.dtype());
-    return;
-  }
-  const std::string fresh = oper_name_join(ir, name, "_mesh");
-  ir.set_const(fresh, value);
-  ir.set_shape(fresh, value.shape(), false, value.dtype());
-  node.input.set(idx, fresh);
+  set_own_const(ir, node, idx, value, "_mesh");
 }
 
 // Every consumer of the Transpose reads `new_in` instead of its output.
 void _pass_tp(IR& ir, const Node& tp, const std::string& new_in) {
-  const std::string out = tp.output[0];
-  for (const NodePtr& nod : ir.next_nodes(tp))
-    for (size_t i = 0; i < nod->input.size(); ++i)
-      if (nod->input[i] == out) ir.set_input(*nod, i, new_in);
-}
-
-void replace_input(Node& nod, const std::string& from, const std::string& to) {
-  for (size_t i = 0; i < nod.input.size(); ++i)
-    if (nod.input[i] == from) nod.input.set(i, to);
-}
-
-void replace_output(Node& nod, const std::string& from, const std::string& to) {
-  for (size_t i = 0; i < nod.output.size(); ++i)
-    if (nod.output[i] == from) nod.output.set(i, to);
+  replace_all_uses(ir, tp.output[0], new_in);
 }
 
 const Names& tp_change_param_op_type() {
@@ -268,7 +247,8 @@ MeshResult _p_reduce_tp_in_mesh(IR& ir, const NodeList& nodes, QuantTable* /*qua
   NodeList rm_ops;
   Graph g(ir);
   auto new_shape_of = [&](const Shape& shape) { return take(shape, perm_for_prev); };
-  auto in_pass = [&](const NodePtr& n) { return has(tp_free_pass_op, n->name); };
+  auto in_pass = [&](const NodePtr& n) { return has(tp_free_pass_op, n->name()); };
+  auto pass_reader = [&](const Node& n) { return has(tp_free_pass_op, n.name()); };
   auto remove_node = [&](const NodePtr& n) {
     if (!has_node(rm_ops, n)) rm_ops.push_back(n);
   };
@@ -337,31 +317,29 @@ MeshResult _p_reduce_tp_in_mesh(IR& ir, const NodeList& nodes, QuantTable* /*qua
         opts.outputs = {t_name};
         opts.attrs = {perm_attr(perm_for_next)};
         src_new = g.op("Transpose", {Absent{}}, opts);
-        replace_output(*pre, t_name, src_new);
+        rename_output(ir, *pre, t_name, src_new);
         ir.set_shape(src_new, new_shape, false, ir.get_dtype(t_name));
       } else {
         src_new = transpose_op(t_name, most_perm);
       }
-      for (const NodePtr& nod : next_nodes)
-        if (in_pass(nod)) replace_input(*nod, t_name, src_new);
+      replace_uses_if(ir, t_name, src_new, pass_reader);
       for (const NodePtr& tp : next_nodes) {
-        if (tp->op_type != "Transpose" || !has(res.change_cross_tp, tp->name)) continue;
+        if (tp->op_type() != "Transpose" || !has(res.change_cross_tp, tp->name())) continue;
         const std::string tp_out = tp->output[0];
-        const NodeList readers = ir.next_nodes(*tp);
         const std::string back = transpose_op(tp_out, most_perm);
-        for (const NodePtr& r : readers)
-          if (in_pass(r)) replace_input(*r, tp_out, back);
+        replace_uses_if(ir, tp_out, back, pass_reader);
       }
     } else if (type == "insert_tp_for_next") {
       const std::string new_in = transpose_op(t_name, perm_for_next);
+      // Not in the graph yet: the new node's ends are its own to set.
       Node& back = *g.nodes.back();
       back.input.set(0, new_in);
       back.output.set(0, t_name);
-      if (pre) replace_output(*pre, t_name, new_in);
+      if (pre) rename_output(ir, *pre, t_name, new_in);
       for (const NodePtr& nod : next_nodes) {
         if (in_pass(nod)) {
-          replace_input(*nod, t_name, new_in);
-        } else if (nod->op_type == "Transpose" &&
+          replace_input(ir, *nod, t_name, new_in);
+        } else if (nod->op_type() == "Transpose" &&
                    check_equivalent_perm_for_tp(ir, t_name, _func_tp_perm(ir, *nod), most_perm)) {
           drop_tp(nod, new_in);
         }
@@ -369,12 +347,12 @@ MeshResult _p_reduce_tp_in_mesh(IR& ir, const NodeList& nodes, QuantTable* /*qua
       ir.set_shape(new_in, new_shape, false, ir.get_dtype(t_name));
     } else if (type == "unchanged") {
       for (const NodePtr& nod : next_nodes) {
-        if (nod->op_type == "Transpose") {
+        if (nod->op_type() == "Transpose") {
           fix_consumer(nod, t_name);
-        } else if (nod->op_type == "Reshape") {
+        } else if (nod->op_type() == "Reshape") {
           const std::string rs_out = nod->output[0];
           const NodeList rs_next = ir.next_nodes(rs_out);
-          if (rs_next.size() != 1 || rs_next[0]->op_type != "Transpose") continue;
+          if (rs_next.size() != 1 || rs_next[0]->op_type() != "Transpose") continue;
           const Shape rs_in_shape = ir.get_shape(nod->input[0]);
           const Shape rs_out_shape = ir.get_shape(rs_out);
           const ReshapeCarry carry = rs_in_shape == rs_out_shape
@@ -400,20 +378,19 @@ MeshResult _p_reduce_tp_in_mesh(IR& ir, const NodeList& nodes, QuantTable* /*qua
       // Re-created so that it is placed ahead of the mesh nodes that now read it.
       g.nodes.push_back(from_tp->clone());
       for (const NodePtr& tp : ir.next_nodes(from_tp->input[0])) {
-        if (tp == from_tp || tp->op_type != "Transpose") continue;
+        if (tp == from_tp || tp->op_type() != "Transpose") continue;
         if (!check_equivalent_perm_for_tp(ir, from_tp->input[0], _func_tp_perm(ir, *tp), most_perm))
           continue;
         drop_tp(tp, mount_tp);
       }
-      for (const NodePtr& nod : next_nodes)
-        if (in_pass(nod)) replace_input(*nod, t_name, mount_tp);
+      replace_uses_if(ir, t_name, mount_tp, pass_reader);
     } else if (type == "remove_top_tp") {
       if (!pre) continue;
       remove_node(pre);
       const std::string src = pre->input[0];
       for (const NodePtr& nod : next_nodes) {
-        replace_input(*nod, t_name, src);
-        if (nod->op_type == "Transpose") {
+        replace_input(ir, *nod, t_name, src);
+        if (nod->op_type() == "Transpose") {
           const Perm perm = _func_tp_perm(ir, *nod);
           if (check_equivalent_perm_for_tp(ir, t_name, perm, most_perm))
             tolmLog::e("rduce op in mesh: remove_top_tp error");
@@ -422,24 +399,22 @@ MeshResult _p_reduce_tp_in_mesh(IR& ir, const NodeList& nodes, QuantTable* /*qua
       }
     } else if (type == "bypass_top_tp") {
       if (!pre) continue;
-      for (const NodePtr& nod : next_nodes)
-        if (in_pass(nod)) replace_input(*nod, t_name, pre->input[0]);
+      replace_uses_if(ir, t_name, pre->input[0], pass_reader);
     } else if (type == "merge_top_tp") {
       if (!pre) continue;
       ir.set_attr(*pre, perm_attr(take(_func_tp_perm(ir, *pre), most_perm)));
       ir.set_shape(t_name, new_shape, false);
       for (const NodePtr& nod : next_nodes)
-        if (nod->op_type == "Transpose") fix_consumer(nod, t_name);
+        if (nod->op_type() == "Transpose") fix_consumer(nod, t_name);
     } else if (type == "insert_tp") {
       const std::string out = transpose_op(t_name, most_perm);
-      for (const NodePtr& nod : next_nodes)
-        if (in_pass(nod)) replace_input(*nod, t_name, out);
+      replace_uses_if(ir, t_name, out, pass_reader);
     } else if (type == "merge_top_rs") {
       if (!pre || pre->input.size() < 2) continue;
       ir.set_shape(t_name, new_shape, false);
       set_node_const(ir, *pre, 1, NDArray::from_i64(new_shape));
       for (const NodePtr& nod : next_nodes)
-        if (nod->op_type == "Transpose") fix_consumer(nod, t_name);
+        if (nod->op_type() == "Transpose") fix_consumer(nod, t_name);
     } else if (type == "merge_bottom_rs") {
       ir.set_shape(t_name, new_shape, false);
     }
@@ -463,8 +438,7 @@ MeshResult _p_reduce_tp_in_mesh(IR& ir, const NodeList& nodes, QuantTable* /*qua
         const std::string fresh = oper_name_join(ir, _t, "_mesh");
         ir.set_const(fresh, moved);
         ir.set_shape(fresh, moved.shape(), false, moved.dtype());
-        for (const NodePtr& n : ir.next_nodes(_t))
-          if (in_pass(n)) replace_input(*n, _t, fresh);
+        replace_uses_if(ir, _t, fresh, pass_reader);
       }
     } else {
       const Shape shape = ir.get_shape(_t);
@@ -478,14 +452,14 @@ MeshResult _p_reduce_tp_in_mesh(IR& ir, const NodeList& nodes, QuantTable* /*qua
     const int64_t rank = static_cast<int64_t>(most_perm.size());
     auto new_axis = [&](int64_t a) { return index_of(most_perm, a < 0 ? a + rank : a); };
     for (const NodePtr& nod : all) {
-      if (!has(param_changed_ops, nod->name)) continue;
-      const std::string& op = nod->op_type;
+      if (!has(param_changed_ops, nod->name())) continue;
+      const std::string& op = nod->op_type();
       if (op == "Split" || op == "Concat" || op == "exSoftmax13" || op == "LogSoftmax" ||
           op == "ArgMax" || op == "ArgMin" || op == "Gather" || op == "exGlu") {
         NodePtr target = nod;
         if (has_node(rm_ops, nod))
           for (const NodePtr& n : g.nodes)
-            if (n->name == nod->name) target = n;
+            if (n->name() == nod->name()) target = n;
         const int64_t axis = IR::get_attr_int(*target, "axis").value_or(default_axis(op));
         ir.set_attr(*target, Attr::make_int("axis", new_axis(axis)));
       } else if (op == "ReduceMax" || op == "Slice") {

@@ -94,9 +94,9 @@ void vote_perm(const Perm& perm, const Shape& shape, OrderedDict<int64_t>& colle
 // test adds one entry for the node.
 void check_follow(const IR& ir, const Node& nod, const Perm& most_perm,
                   const Names& tp_free_tensors, Names& unsupported) {
-  const std::string& op = nod.op_type;
+  const std::string& op = nod.op_type();
   const size_t rank = most_perm.size();
-  auto refuse = [&]() { unsupported.push_back(nod.name); };
+  auto refuse = [&]() { unsupported.push_back(nod.name()); };
   auto new_axis_of = [&](int64_t axis) { return index_of(most_perm, norm_axis(axis, rank)); };
   const int64_t axis = IR::get_attr_int(nod, "axis").value_or(default_axis(op));
 
@@ -234,7 +234,7 @@ OptResult _func_compute_opt_result(IR& ir, const Names& tp_free_op_type,
                                    OrderedDict<std::string>* tp_dir,
                                    const Names& last_time_tp_change_unsupport_op) {
   const OptResult failed_case_return;
-  auto is_free_type = [&](const NodePtr& n) { return has(tp_free_op_type, n->op_type); };
+  auto is_free_type = [&](const NodePtr& n) { return has(tp_free_op_type, n->op_type()); };
 
   // Every tensor of the mesh must have the same rank; a constant of one
   // element broadcasts in any layout.
@@ -267,24 +267,24 @@ OptResult _func_compute_opt_result(IR& ir, const Names& tp_free_op_type,
       return failed_case_return;
     const Shape shape = ir.get_shape(t_name);
     for (const NodePtr& nod : pre_nodes) {
-      if (nod->op_type != "Transpose") continue;
-      if (has(tp_refer, nod->name)) {
-        change_cross_tp.push_back(nod->name);
+      if (nod->op_type() != "Transpose") continue;
+      if (has(tp_refer, nod->name())) {
+        change_cross_tp.push_back(nod->name());
         continue;
       }
       const Perm perm = _func_tp_perm(ir, *nod);
       if (!is_perm_of(perm, perm.size())) return failed_case_return;
       vote_perm(_get_inverse_perm(perm), shape, all_perms);
-      tp_refer.push_back(nod->name);
+      tp_refer.push_back(nod->name());
     }
     for (const NodePtr& nod : next_nodes) {
-      if (nod->op_type != "Transpose") continue;
-      if (has(tp_refer, nod->name)) {
-        change_cross_tp.push_back(nod->name);
+      if (nod->op_type() != "Transpose") continue;
+      if (has(tp_refer, nod->name())) {
+        change_cross_tp.push_back(nod->name());
         continue;
       }
       vote_perm(_func_tp_perm(ir, *nod), shape, all_perms);
-      tp_refer.push_back(nod->name);
+      tp_refer.push_back(nod->name());
     }
   }
 
@@ -367,15 +367,15 @@ OptResult _func_compute_opt_result(IR& ir, const Names& tp_free_op_type,
     bool next_require_src_layout = ir.is_output(t_name);
     std::string type;
 
-    if (pre_node && has(tp_free_pass_op, pre_node->name)) {
+    if (pre_node && has(tp_free_pass_op, pre_node->name())) {
       // Made inside the mesh: consumers outside it may need the old layout back.
       int64_t rs_unchanged_rm_tp_num = 0;
       for (const NodePtr& nod : next_nodes) {
-        if (nod->op_type == "Transpose") {
+        if (nod->op_type() == "Transpose") {
           if (check_equivalent_perm_for_tp(ir, t_name, _func_tp_perm(ir, *nod), most_perm))
             tp_num -= 1;
-          if (tp_dir) (*tp_dir)[nod->name] = "down";
-        } else if (nod->op_type == "Reshape") {
+          if (tp_dir) (*tp_dir)[nod->name()] = "down";
+        } else if (nod->op_type() == "Reshape") {
           const Shape in_shape = ir.get_shape(nod->input[0]);
           if (order_test(most_perm, in_shape)) {
             if (!all_in_order(ir, nod->input[0], in_shape, most_perm))
@@ -385,7 +385,7 @@ OptResult _func_compute_opt_result(IR& ir, const Names& tp_free_op_type,
           const std::string& rs_out = nod->output[0];
           const NodeList rs_next = ir.next_nodes(rs_out);
           const Shape rs_out_shape = ir.get_shape(rs_out);
-          if (ir.is_output(rs_out) || rs_next.size() != 1 || rs_next[0]->op_type != "Transpose" ||
+          if (ir.is_output(rs_out) || rs_next.size() != 1 || rs_next[0]->op_type() != "Transpose" ||
               in_shape == rs_out_shape) {
             next_require_src_layout = true;
             continue;
@@ -401,7 +401,7 @@ OptResult _func_compute_opt_result(IR& ir, const Names& tp_free_op_type,
           for (size_t i = 0; i < iota.size(); ++i) iota[i] = static_cast<int64_t>(i);
           const auto eq = get_equivalent_perm_for_tp(rs_next_tp_perm, carry.new_rs_out);
           if (std::find(eq.begin(), eq.end(), iota) != eq.end()) rs_unchanged_rm_tp_num += 1;
-        } else if (!has(tp_free_pass_op, nod->name)) {
+        } else if (!has(tp_free_pass_op, nod->name())) {
           next_require_src_layout = true;
         }
       }
@@ -415,35 +415,35 @@ OptResult _func_compute_opt_result(IR& ir, const Names& tp_free_op_type,
       // Made outside the mesh: the tensor must be brought into the new layout.
       std::string mountable_tp;
       for (const NodePtr& nod : next_nodes) {
-        if (!has(tp_free_pass_op, nod->name) && nod->op_type != "Transpose")
+        if (!has(tp_free_pass_op, nod->name()) && nod->op_type() != "Transpose")
           next_require_src_layout = true;
-        if (nod->op_type == "Transpose") {
+        if (nod->op_type() == "Transpose") {
           if (check_equivalent_perm_for_tp(ir, t_name, _func_tp_perm(ir, *nod), most_perm)) {
             if (mountable_tp.empty())
               mountable_tp = nod->output[0];
             else
               tp_num -= 1;
           }
-          if (tp_dir) (*tp_dir)[nod->name] = "down";
+          if (tp_dir) (*tp_dir)[nod->name()] = "down";
         }
       }
       if (!mountable_tp.empty()) {
         type = "mount:" + mountable_tp;
       } else if (ir.is_output(t_name)) {
         type = "insert_tp";
-      } else if (pre_node && pre_node->op_type == "Transpose") {
-        if (tp_dir) (*tp_dir)[pre_node->name] = "up";
+      } else if (pre_node && pre_node->op_type() == "Transpose") {
+        if (tp_dir) (*tp_dir)[pre_node->name()] = "up";
         const Perm perm = _func_tp_perm(ir, *pre_node);
         if (is_perm_of(perm, perm.size()) &&
             check_equivalent_perm_for_tp(ir, t_name, _get_inverse_perm(perm), most_perm))
           type = next_require_src_layout ? "bypass_top_tp" : "remove_top_tp";
         else
           type = next_require_src_layout ? "insert_tp" : "merge_top_tp";
-      } else if (pre_node && pre_node->op_type == "Reshape") {
+      } else if (pre_node && pre_node->op_type() == "Reshape") {
         type = (all_in_order(ir, t_name, shape, most_perm) && !next_require_src_layout)
                    ? "merge_top_rs"
                    : "insert_tp";
-      } else if (next_nodes.size() == 1 && next_nodes[0]->op_type == "Reshape") {
+      } else if (next_nodes.size() == 1 && next_nodes[0]->op_type() == "Reshape") {
         type = all_in_order(ir, t_name, shape, most_perm) ? "merge_bottom_rs" : "insert_tp";
       } else {
         type = "insert_tp";

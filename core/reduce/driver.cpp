@@ -75,7 +75,7 @@ struct TableIndex {
 bool is_paused(const IR& ir, const std::string& key, const Node& n) {
   auto it = ir.op_ruler_pause.find(key);
   if (it == ir.op_ruler_pause.end()) return false;
-  return std::find(it->second.begin(), it->second.end(), n.name) != it->second.end();
+  return std::find(it->second.begin(), it->second.end(), n.name()) != it->second.end();
 }
 
 bool reads_output_of(const Node& consumer, const Node& producer) {
@@ -97,10 +97,23 @@ bool inner_link_private(const IR& ir, const Node& producer, const Node& consumer
   return true;
 }
 
+// Records a rule that broke its contract; in strict mode it is fatal.
+void report_fault(DriverStats& stats, bool strict, const std::string& what) {
+  if (strict) throw RuleError(what);
+  tolmLog::e(what);
+  stats.rule_faults.push_back(what);
+}
+
+std::string fault_text(const Row& row, const NodeList& nodes, const std::string& what) {
+  std::string at;
+  for (const auto& n : nodes) at += (at.empty() ? "" : ", ") + n->name();
+  return "rule " + row.key + " at " + at + ": " + what;
+}
+
 class Matcher {
  public:
-  Matcher(IR& ir, const Row& row, QuantTable* qt, DriverStats& stats)
-      : ir_(ir), row_(row), qt_(qt), stats_(stats) {}
+  Matcher(IR& ir, const Row& row, QuantTable* qt, DriverStats& stats, bool strict)
+      : ir_(ir), row_(row), qt_(qt), stats_(stats), strict_(strict) {}
 
   // Offers the row's matches anchored at `anchor` to its procedure until one
   // applies. Returns the applied result, or an empty one.
@@ -115,12 +128,33 @@ class Matcher {
   }
 
  private:
+  // Calls the procedure inside an edit transaction. A result that applies
+  // leaves the transaction open for the driver to apply and commit.
   bool offer(const NodeList& nodes) {
     if (tries_ >= kMaxMatchesPerAnchor) return true;
     ++tries_;
     ++stats_.attempts;
-    result_ = row_.proc(ir_, nodes, qt_);
-    return result_.applied();
+    ir_.begin_edit();
+    try {
+      result_ = row_.proc(ir_, nodes, qt_);
+    } catch (const RuleError&) {
+      ir_.rollback_edit();
+      throw;
+    } catch (const std::exception& e) {
+      ir_.rollback_edit();
+      result_ = {};
+      report_fault(stats_, strict_, fault_text(row_, nodes, std::string("threw: ") + e.what()));
+      return false;
+    }
+    if (result_.applied()) return true;
+    if (ir_.edited()) {
+      ir_.rollback_edit();
+      report_fault(stats_, strict_,
+                   fault_text(row_, nodes, "changed the graph and then did not apply"));
+      return false;
+    }
+    ir_.commit_edit();
+    return false;
   }
 
   bool chain(NodeList& nodes) {
@@ -128,7 +162,7 @@ class Matcher {
     const NodePtr& last = nodes.back();
     const std::string& want = row_.ops[nodes.size()];
     for (const NodePtr& next : ir_.next_nodes(*last)) {
-      if (next->op_type != want) continue;
+      if (next->op_type() != want) continue;
       if (std::find(nodes.begin(), nodes.end(), next) != nodes.end()) continue;
       if (!row_.handles_branches && !inner_link_private(ir_, *last, *next)) continue;
       nodes.push_back(next);
@@ -181,7 +215,7 @@ class Matcher {
     if (i > 0 && row_.ops[i] == row_.ops[i - 1] && row_.n_pre_nodes[i] == row_.n_pre_nodes[i - 1])
       from = pick.back() + 1;
     for (size_t c = from; c < cands.size(); ++c) {
-      if (used[c] || cands[c]->op_type != row_.ops[i] || pre_count[c] != row_.n_pre_nodes[i])
+      if (used[c] || cands[c]->op_type() != row_.ops[i] || pre_count[c] != row_.n_pre_nodes[i])
         continue;
       used[c] = true;
       pick.push_back(c);
@@ -207,6 +241,7 @@ class Matcher {
   const Row& row_;
   QuantTable* qt_;
   DriverStats& stats_;
+  bool strict_;
   RuleResult result_;
   int tries_ = 0;
 };
@@ -215,7 +250,7 @@ class Driver {
  public:
   Driver(IR& ir, const std::vector<Row>& first, const std::vector<Row>& second, QuantTable* qt,
          const DriverOptions& opt)
-      : ir_(ir), qt_(qt), cvt_(first), fuse_(second) {
+      : ir_(ir), qt_(qt), cvt_(first), fuse_(second), strict_(opt.strict) {
     budget_ = opt.max_rewrites > 0 ? opt.max_rewrites
                                    : 20 * static_cast<int64_t>(ir.node_count()) + 10000;
   }
@@ -280,42 +315,55 @@ class Driver {
 
   bool try_rows(const TableIndex& table, const NodePtr& n, bool limited) {
     const auto& index = limited ? table.limited : table.regular;
-    auto it = index.find(n->op_type);
+    auto it = index.find(n->op_type());
     if (it == index.end()) return false;
     for (size_t r : it->second) {
       const Row& row = (*table.rows)[r];
-      if (!ir_.contains(*n) || n->op_type != (row.n_pre_nodes.empty() ? row.ops.front() : row.ops.back()))
+      if (!ir_.contains(*n) || n->op_type() != (row.n_pre_nodes.empty() ? row.ops.front() : row.ops.back()))
         return false;
       if (is_paused(ir_, row.key, *n)) continue;
+      const std::pair<size_t, uint64_t> row_at{r + (&table == &fuse_ ? 1000 : 0), n->uid()};
+      // A rule that broke its contract at this node is not asked again there.
+      if (!faulted_.empty() && faulted_.count(row_at)) continue;
+      int* fired = nullptr;
       if (limited) {
         auto d = depth_.find(n->uid());
         if (d != depth_.end() && d->second >= kLimitDepth) continue;
-        int& fired = limit_fires_[{r + (&table == &fuse_ ? 1000 : 0), n->uid()}];
-        if (fired >= kLimitFiresPerAnchor) continue;
-        RuleResult res = Matcher(ir_, row, qt_, stats_).run(n);
-        if (!res.applied()) continue;
-        ++fired;
-        commit(row, res);
-        return true;
+        fired = &limit_fires_[row_at];
+        if (*fired >= kLimitFiresPerAnchor) continue;
       }
-      RuleResult res = Matcher(ir_, row, qt_, stats_).run(n);
+      const size_t faults_before = stats_.rule_faults.size();
+      RuleResult res = Matcher(ir_, row, qt_, stats_, strict_).run(n);
+      if (res.applied() && !commit(row, res)) res = {};
+      if (stats_.rule_faults.size() != faults_before) faulted_.insert(row_at);
       if (!res.applied()) continue;
-      commit(row, res);
+      if (fired) ++*fired;
       return true;
     }
     return false;
   }
 
-  void commit(const Row& row, const RuleResult& res) {
+  // Applies a rule's result and commits its edits; false (all undone) if
+  // the result could not be applied.
+  bool commit(const Row& row, const RuleResult& res) {
     int depth = 0;
     for (const auto& n : res.remove) {
       auto d = depth_.find(n->uid());
       if (d != depth_.end()) depth = std::max(depth, d->second);
     }
     if (row.has_limit) ++depth;
+    try {
+      apply_result(ir_, res);
+    } catch (const std::exception& e) {
+      // The rule's own edits and whatever was applied go back together.
+      ir_.rollback_edit();
+      const NodeList at = res.remove.empty() ? res.add : res.remove;
+      report_fault(stats_, strict_, fault_text(row, at, std::string("result did not apply: ") + e.what()));
+      return false;
+    }
+    ir_.commit_edit();
     if (depth > 0)
       for (const auto& n : res.add) depth_[n->uid()] = depth;
-    apply_result(ir_, res);
     ++stats_.fired[row.key];
     ++stats_.rewrites;
     remove_released();
@@ -327,6 +375,7 @@ class Driver {
       tolmLog::w("reduce stopped after " + std::to_string(stats_.rewrites) +
                  " rewrites without reaching a fixed point");
     }
+    return true;
   }
 
   // Producers whose outputs lost their last reader go, and so on upwards.
@@ -359,8 +408,10 @@ class Driver {
   Worklist cvt_regular_{1}, fuse_regular_{2}, cvt_limited_{4}, fuse_limited_{8};
   std::unordered_map<std::pair<size_t, uint64_t>, int, PairHash> limit_fires_;
   std::unordered_map<uint64_t, int> depth_;  // node uid -> limit rewrites behind it
+  std::unordered_set<std::pair<size_t, uint64_t>, PairHash> faulted_;
   DriverStats stats_;
   int64_t budget_;
+  bool strict_;
 };
 
 }  // namespace
@@ -430,7 +481,7 @@ int64_t prune_dead(IR& ir) {
 int64_t make_reshape_shapes_explicit(IR& ir) {
   int64_t changed = 0;
   for (const NodePtr& n : ir.node()) {
-    if (n->op_type != "Reshape" || n->input.size() < 2) continue;
+    if (n->op_type() != "Reshape" || n->input.size() < 2) continue;
     if (IR::get_attr_int(*n, "allowzero").value_or(0) != 0) continue;
     const NDArray* target = ir.get_const(n->input[1]);
     if (!target || !ir.has_shape(n->output[0])) continue;
@@ -449,7 +500,11 @@ int64_t make_reshape_shapes_explicit(IR& ir) {
 DriverStats run_tables(IR& ir, const std::vector<Row>& first, const std::vector<Row>& second,
                        QuantTable* quant_tab, const DriverOptions& options) {
   make_reshape_shapes_explicit(ir);
+  // Dead readers in the input would block rules that want a single reader,
+  // and a second run would then find more to do.
+  const int64_t pruned_before = options.prune ? prune_dead(ir) : 0;
   DriverStats stats = Driver(ir, first, second, quant_tab, options).run();
+  stats.pruned_nodes += pruned_before;
   if (options.prune) stats.pruned_nodes += prune_dead(ir);
   return stats;
 }
@@ -461,7 +516,9 @@ DriverStats run_reduce(IR& ir, QuantTable* quant_tab, const DriverOptions& optio
 RuleResult try_row(IR& ir, const Row& row, const NodePtr& anchor, QuantTable* quant_tab) {
   DriverStats scratch;
   if (!row.proc || !ir.contains(*anchor)) return {};
-  return Matcher(ir, row, quant_tab, scratch).run(anchor);
+  RuleResult r = Matcher(ir, row, quant_tab, scratch, true).run(anchor);
+  ir.commit_edit();  // the caller applies the result
+  return r;
 }
 
 }  // namespace tolm

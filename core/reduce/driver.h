@@ -5,6 +5,8 @@
 
 #include <cstdint>
 #include <map>
+#include <stdexcept>
+#include <vector>
 #include <string>
 
 #include "reduce/rule.h"
@@ -15,8 +17,23 @@ namespace tolm {
 struct DriverOptions {
   // Upper bound on rewrites; 0 picks one from the graph size.
   int64_t max_rewrites = 0;
-  // Remove dead branches and unused constants at the end.
+  // Remove dead branches and unused constants before the rules run (a dead
+  // reader would block rules that need a single reader) and at the end.
   bool prune = true;
+  // A rule that edits the graph and then says it does not apply, or that
+  // throws, is a bug. Strict: the driver throws RuleError. Otherwise the
+  // graph is put back as it was, the fault is logged and reported, and the
+  // driver goes on without that rewrite.
+#if defined(TOLM_STRICT_RULES) || !defined(NDEBUG)
+  bool strict = true;
+#else
+  bool strict = false;
+#endif
+};
+
+// A rule that broke its contract (strict mode): names the row and the node.
+struct RuleError : std::logic_error {
+  using std::logic_error::logic_error;
 };
 
 struct DriverStats {
@@ -25,6 +42,9 @@ struct DriverStats {
   int64_t attempts = 0;  // procedure calls
   int64_t pruned_nodes = 0;
   bool converged = true;  // false if the rewrite budget ran out
+  // Rules that threw or edited the graph and then did not apply, one line
+  // each (row key, node, what happened); each was undone.
+  std::vector<std::string> rule_faults;
 };
 
 // Runs cvt_reduce then fuse_reduce, repeated until neither applies.

@@ -27,6 +27,7 @@ def reduce(
     quant_tab: Optional[dict] = None,
     input_shapes: Optional[Mapping[str, Sequence[int]]] = None,
     check: int = 0,
+    strict: bool = False,
 ) -> Tuple[onnx.ModelProto, dict]:
     """Reduces a model (ModelProto, serialized bytes or path).
 
@@ -45,7 +46,7 @@ def reduce(
     t1 = time.perf_counter()
     ops_before = ir.op_counts()
     rules.clear_log_history()
-    stats = rules.run_reduce(ir, quant_tab)
+    stats = rules.run_reduce(ir, quant_tab, strict=strict)
     t2 = time.perf_counter()
     reduced = ir.to_onnx()
     t3 = time.perf_counter()
@@ -61,6 +62,7 @@ def reduce(
         "attempts": stats["attempts"],
         "pruned_nodes": stats["pruned_nodes"],
         "converged": stats["converged"],
+        "rule_faults": list(stats["rule_faults"]),
         "unavailable_rules": list(rules.unavailable_rules()),
         "log": list(rules.log_history()),
         "times": {"load": t1 - t0, "reduce": t2 - t1, "save": t3 - t2},
@@ -109,6 +111,10 @@ def format_report(report: dict) -> str:
         f"rewrites {report['rewrites']}, rule calls {report['attempts']}, "
         f"pruned nodes {report['pruned_nodes']}" + ("" if report["converged"] else ", stopped at the rewrite limit")
     )
+    faults = report.get("rule_faults") or []
+    if faults:
+        lines.append(f"{len(faults)} rule fault(s), each undone:")
+        lines.extend("  " + f for f in faults)
     t = report["times"]
     lines.append(
         "time: load {:.3f}s, reduce {:.3f}s, save {:.3f}s".format(t["load"], t["reduce"], t["save"])

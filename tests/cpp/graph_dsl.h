@@ -96,7 +96,7 @@ class TestGraph {
   // Names of the ops reading tensor t, in graph order.
   names readers(const std::string& t) const {
     names out;
-    for (const NodePtr& n : ir.next_nodes(t)) out.push_back(n->name);
+    for (const NodePtr& n : ir.next_nodes(t)) out.push_back(n->name());
     return out;
   }
 };
@@ -109,13 +109,13 @@ inline void apply(IR& ir, const RuleResult& r) {
 
 inline names node_names(const NodeList& list) {
   names out;
-  for (const NodePtr& n : list) out.push_back(n->name);
+  for (const NodePtr& n : list) out.push_back(n->name());
   return out;
 }
 
 inline names op_types(const IR& ir) {
   names out;
-  for (const NodePtr& n : ir.node()) out.push_back(n->op_type);
+  for (const NodePtr& n : ir.node()) out.push_back(n->op_type());
   return out;
 }
 

@@ -60,7 +60,7 @@ TEST(Driver, SameInputGivesSameResult) {
     DriverStats s = run_reduce(t.ir, nullptr);
     names out;
     for (const NodePtr& n : t.ir.node()) {
-      out.push_back(n->name);
+      out.push_back(n->name());
       for (const auto& i : n->input) out.push_back(i);
     }
     for (const auto& kv : s.fired) out.push_back(kv.first + std::to_string(kv.second));
@@ -80,7 +80,7 @@ TEST(Driver, KeepsAGraphOutputBehindARemovedNode) {
   t.output("y");
   run_reduce(t.ir, nullptr);
   ASSERT_NE(t.producer("y"), nullptr);
-  EXPECT_EQ(t.producer("y")->op_type, "Relu");
+  EXPECT_EQ(t.producer("y")->op_type(), "Relu");
   EXPECT_EQ(t.ir.node_count(), 1u);
 }
 
@@ -123,7 +123,7 @@ TEST(Driver, OffersNPreNodesPatternsEndingInTheSink) {
   try_row(t.ir, row, cat, nullptr);
   ASSERT_EQ(g_seen.size(), 4u);
   EXPECT_EQ(g_seen.back(), cat);
-  EXPECT_EQ(g_seen[2]->op_type, "Mul");
+  EXPECT_EQ(g_seen[2]->op_type(), "Mul");
   // The sink's producer count must match too.
   row.n_pre_nodes = {1, 1, 1, 3};
   g_seen.clear();
@@ -154,12 +154,12 @@ TEST(Driver, ChainsAreOfferedOnlyOverPrivateInnerTensors) {
 // Two rules that undo each other: the budget and the limit cap must end it.
 RuleResult flip_to_neg(IR& ir, const NodeList& nodes, QuantTable*) {
   Graph g(ir);
-  g.op("Neg", {nodes[0]->input[0]}, {nodes[0]->output.names(), nodes[0]->name + "_n"});
+  g.op("Neg", {nodes[0]->input[0]}, {nodes[0]->output.names(), nodes[0]->name() + "_n"});
   return {{nodes[0]}, g.nodes};
 }
 RuleResult flip_to_relu(IR& ir, const NodeList& nodes, QuantTable*) {
   Graph g(ir);
-  g.op("Relu", {nodes[0]->input[0]}, {nodes[0]->output.names(), nodes[0]->name + "_r"});
+  g.op("Relu", {nodes[0]->input[0]}, {nodes[0]->output.names(), nodes[0]->name() + "_r"});
   return {{nodes[0]}, g.nodes};
 }
 
@@ -209,7 +209,7 @@ TEST(Driver, PausedRowIsNotStartedAtAPausedNode) {
   t.ir.op_ruler_pause["to_neg"].push_back("r");
   DriverStats s = run_tables(t.ir, none, rows, nullptr);
   EXPECT_EQ(s.rewrites, 0);
-  EXPECT_EQ(t.producer("y")->op_type, "Relu");
+  EXPECT_EQ(t.producer("y")->op_type(), "Relu");
 }
 
 TEST(Driver, ApplyResultPlacesAddedNodesInAValidOrder) {

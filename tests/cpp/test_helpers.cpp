@@ -360,7 +360,7 @@ TEST(HelperSplit, MakeNodeSplitFollowsOpset) {
   auto s11 = make_node_split(t.ir, {"x"}, {"c", "d"}, 1, {4, 6}, "sp11");
   EXPECT_EQ(s11->input.size(), 1u);
   EXPECT_EQ(IR::get_attr_ints(*s11, "split"), (ints{4, 6}));
-  EXPECT_EQ(s11->name, "sp11");
+  EXPECT_EQ(s11->name(), "sp11");
 }
 
 TEST(HelperNames, JoinAvoidsTakenNames) {

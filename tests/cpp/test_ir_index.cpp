@@ -138,9 +138,9 @@ TEST(IrIndex, NodeListIsAValidExecutionOrderAfterEdits) {
   t.producer("b")->input.set(0, "n");
   std::map<std::string, size_t> pos;
   const NodeList& order = t.ir.node();
-  for (size_t i = 0; i < order.size(); ++i) pos[order[i]->name] = i;
+  for (size_t i = 0; i < order.size(); ++i) pos[order[i]->name()] = i;
   for (const NodePtr& n : order)
-    for (const NodePtr& p : t.ir.pre_nodes(*n)) EXPECT_LT(pos[p->name], pos[n->name]);
+    for (const NodePtr& p : t.ir.pre_nodes(*n)) EXPECT_LT(pos[p->name()], pos[n->name()]);
   EXPECT_LT(pos["neg"], pos["b"]);
 }
 

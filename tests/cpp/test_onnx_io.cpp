@@ -74,7 +74,7 @@ TEST(OnnxIO, LoadSortsInfersAndKeepsIO) {
   b.node("Relu", {"x"}, {"a"}, "first");
   auto un = load_model(b.bytes());
   ASSERT_EQ(un->node().size(), 2u);
-  EXPECT_EQ(un->node()[0]->name, "first");
+  EXPECT_EQ(un->node()[0]->name(), "first");
   EXPECT_EQ(un->get_shape("y"), Shape({2}));
   EXPECT_EQ(full_check(save_model(*un)), "");
 

@@ -126,12 +126,12 @@ TEST(PairCollapseBypassTranspose, GraphOutputBranchIsLeftForFuse) {
   RuleResult r = _p_fuse_two_transpose(t.ir, {t0, t1}, nullptr);
   EXPECT_EQ(r.remove, (NodeList{t1, t0}));
   ASSERT_EQ(r.add.size(), 1u);
-  EXPECT_EQ(r.add[0]->op_type, "Identity");
-  EXPECT_EQ(r.add[0]->name, "tp1");
+  EXPECT_EQ(r.add[0]->op_type(), "Identity");
+  EXPECT_EQ(r.add[0]->name(), "tp1");
   EXPECT_EQ(r.add[0]->input.names(), names{"x"});
   EXPECT_EQ(r.add[0]->output.names(), names{"b"});
   apply(t.ir, r);
-  EXPECT_EQ(t.producer("b")->op_type, "Identity");
+  EXPECT_EQ(t.producer("b")->op_type(), "Identity");
 }
 
 struct ReshapeRoundTrip : TestGraph {
@@ -201,7 +201,7 @@ struct ReshapePair4D : TestGraph {
     node("Sigmoid", {"q"}, {"y"});
     shape("p", {1, 3, 4, 4}).shape("m", {1, 3, 16}).shape("q", out).shape("e", {1, 3, 4, 4});
     output("y").output("e");
-    ir.value_info() = {"p", "m", "q"};
+    ir.set_value_info({"p", "m", "q"});
   }
 };
 
