@@ -80,6 +80,11 @@ struct OptResult {
   Names change_cross_tp;
   OrderedDict<std::string> t_process_type;
   Names tp_change_unsupport_op;  // non-empty only when the chosen layout was refused
+  // The nodes wholly inside the mesh, as judged before the crossing
+  // Transpose tensors left the edge list: the rewrite works on these, so that
+  // the nodes beside a crossing Transpose move (and renumber their axes) too.
+  Names tp_free_pass_op;
+  Names param_changed_ops;
 };
 
 // Votes the mesh's layout, checks its nodes can follow it and counts the cost; drops crossing Transpose tensors from `tp_block_tensors`.

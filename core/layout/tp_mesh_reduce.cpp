@@ -238,10 +238,8 @@ MeshResult _p_reduce_tp_in_mesh(IR& ir, const NodeList& nodes, QuantTable* /*qua
 
   // ---- rewrite ---------------------------------------------------------------
   const Perm most_perm = *res.most_perm;
-  const auto pass = _func_get_tp_pass_op(ir, free_types, param_types, ignore, tp_free_tensors,
-                                         tp_block_tensors, last_time_tp_change_unsupport_op);
-  const Names& tp_free_pass_op = pass.first;
-  const Names& param_changed_ops = pass.second;
+  const Names& tp_free_pass_op = res.tp_free_pass_op;
+  const Names& param_changed_ops = res.param_changed_ops;
   const Perm perm_for_prev = most_perm;
   const Perm perm_for_next = inverse_perm(most_perm);
   NodeList rm_ops;

@@ -333,6 +333,8 @@ OptResult _func_compute_opt_result(IR& ir, const Names& tp_free_op_type,
 
   OptResult res;
   res.change_cross_tp = change_cross_tp;
+  res.tp_free_pass_op = tp_free_pass_op;
+  res.param_changed_ops = param_changed_ops;
   int64_t& tp_num = res.tp_num;
   auto& t_process_type = res.t_process_type;
   const Perm inverse = _get_inverse_perm(most_perm);
