@@ -22,6 +22,9 @@ constexpr int kLimitFiresPerAnchor = 2;
 constexpr int kLimitDepth = 4;
 // How many distinct matches of one row are offered from one anchor.
 constexpr int kMaxMatchesPerAnchor = 32;
+// Rounds of the whole tables; one more than needed is the one that finds
+// nothing left to do.
+constexpr int kMaxRounds = 8;
 
 // A FIFO of nodes, each queued at most once at a time. Membership is a bit
 // on the node, so queueing costs no lookup however large the graph.
@@ -499,14 +502,51 @@ int64_t make_reshape_shapes_explicit(IR& ir) {
 
 DriverStats run_tables(IR& ir, const std::vector<Row>& first, const std::vector<Row>& second,
                        QuantTable* quant_tab, const DriverOptions& options) {
-  make_reshape_shapes_explicit(ir);
-  // Dead readers in the input would block rules that want a single reader,
-  // and a second run would then find more to do.
-  const int64_t pruned_before = options.prune ? prune_dead(ir) : 0;
-  DriverStats stats = Driver(ir, first, second, quant_tab, options).run();
-  stats.pruned_nodes += pruned_before;
-  if (options.prune) stats.pruned_nodes += prune_dead(ir);
-  return stats;
+  // One round runs the tables until their worklists are empty. Within a
+  // round, rows stop at caps and paused nodes that a later rewrite may have
+  // freed; a model read back and reduced again would start without them. So
+  // rounds repeat, each as fresh as a new call, until one changes nothing:
+  // then reducing the result again changes nothing either.
+  DriverStats total;
+  const int64_t budget = options.max_rewrites > 0
+                             ? options.max_rewrites
+                             : 20 * static_cast<int64_t>(ir.node_count()) + 10000;
+  for (int round = 0;; ++round) {
+    int64_t changed = make_reshape_shapes_explicit(ir);
+    // Dead readers in the input would block rules that want a single reader.
+    if (options.prune) {
+      const int64_t dead = prune_dead(ir);
+      total.pruned_nodes += dead;
+      changed += dead;
+    }
+    if (round > 0) ir.op_ruler_pause.clear();
+    DriverOptions opt = options;
+    opt.max_rewrites = std::max<int64_t>(1, budget - total.rewrites);
+    const DriverStats s = Driver(ir, first, second, quant_tab, opt).run();
+    for (const auto& kv : s.fired) total.fired[kv.first] += kv.second;
+    total.rewrites += s.rewrites;
+    total.attempts += s.attempts;
+    total.pruned_nodes += s.pruned_nodes;
+    total.rule_faults.insert(total.rule_faults.end(), s.rule_faults.begin(), s.rule_faults.end());
+    if (options.prune) {
+      const int64_t dead = prune_dead(ir);
+      total.pruned_nodes += dead;
+      changed += dead;
+    }
+    changed += s.rewrites;
+    if (!s.converged || total.rewrites >= budget) {
+      total.converged = false;
+      break;
+    }
+    if (changed == 0) break;
+    if (round + 1 >= kMaxRounds) {
+      total.converged = false;
+      tolmLog::w("reduce stopped after " + std::to_string(kMaxRounds) +
+                 " rounds without reaching a fixed point");
+      break;
+    }
+  }
+  return total;
 }
 
 DriverStats run_reduce(IR& ir, QuantTable* quant_tab, const DriverOptions& options) {
