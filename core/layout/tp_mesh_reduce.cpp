@@ -334,14 +334,12 @@ MeshResult _p_reduce_tp_in_mesh(IR& ir, const NodeList& nodes, QuantTable* /*qua
       back.input.set(0, new_in);
       back.output.set(0, t_name);
       if (pre) rename_output(ir, *pre, t_name, new_in);
-      for (const NodePtr& nod : next_nodes) {
-        if (in_pass(nod)) {
-          replace_input(ir, *nod, t_name, new_in);
-        } else if (nod->op_type() == "Transpose" &&
-                   check_equivalent_perm_for_tp(ir, t_name, _func_tp_perm(ir, *nod), most_perm)) {
+      replace_uses_if(ir, t_name, new_in, pass_reader);
+      // A Transpose outside that only made the new layout is no longer needed.
+      for (const NodePtr& nod : next_nodes)
+        if (!in_pass(nod) && nod->op_type() == "Transpose" &&
+            check_equivalent_perm_for_tp(ir, t_name, _func_tp_perm(ir, *nod), most_perm))
           drop_tp(nod, new_in);
-        }
-      }
       ir.set_shape(new_in, new_shape, false, ir.get_dtype(t_name));
     } else if (type == "unchanged") {
       for (const NodePtr& nod : next_nodes) {
@@ -385,9 +383,10 @@ MeshResult _p_reduce_tp_in_mesh(IR& ir, const NodeList& nodes, QuantTable* /*qua
     } else if (type == "remove_top_tp") {
       if (!pre) continue;
       remove_node(pre);
-      const std::string src = pre->input[0];
+      // The Transpose above cancels the new layout: its input is the tensor
+      // in that layout, and Transpose readers fold the change into their perm.
+      replace_all_uses(ir, t_name, pre->input[0]);
       for (const NodePtr& nod : next_nodes) {
-        replace_input(ir, *nod, t_name, src);
         if (nod->op_type() == "Transpose") {
           const Perm perm = _func_tp_perm(ir, *nod);
           if (check_equivalent_perm_for_tp(ir, t_name, perm, most_perm))
