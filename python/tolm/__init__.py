@@ -6,6 +6,7 @@ nothing applies, and returns the reduced ONNX model with a report.
 
 from __future__ import annotations
 
+import os
 import time
 from typing import Dict, Mapping, Optional, Sequence, Tuple
 
@@ -27,7 +28,7 @@ def reduce(
     quant_tab: Optional[dict] = None,
     input_shapes: Optional[Mapping[str, Sequence[int]]] = None,
     check: int = 0,
-    strict: bool = False,
+    strict: Optional[bool] = None,
 ) -> Tuple[onnx.ModelProto, dict]:
     """Reduces a model (ModelProto, serialized bytes or path).
 
@@ -39,6 +40,8 @@ def reduce(
     from tolm.api.rules import reduce as rules
 
     check_target(target)
+    if strict is None:
+        strict = os.environ.get("TOLM_STRICT", "") not in ("", "0")
     shapes = normalize_input_shapes(input_shapes)
     t0 = time.perf_counter()
     original_bytes = read_model_bytes(model)

@@ -14,6 +14,9 @@ import pytest
 from onnx import TensorProto, helper, numpy_helper
 
 ROOT = Path(__file__).resolve().parents[2]
+# A rule that edits the graph and then does not apply, or throws, fails the
+# tests instead of being undone quietly.
+os.environ.setdefault("TOLM_STRICT", "1")
 try:
     import tolm  # noqa: F401
 except ImportError:  # running from the source tree
