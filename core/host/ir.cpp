@@ -340,17 +340,11 @@ void IR::erase_const(const std::string& t) {
     UndoRecord r{UndoRecord::kEraseConst};
     r.name = t;
     r.value = std::move(c->second);
-    auto pos = std::find(const_order.begin(), const_order.end(), t);
-    r.index = static_cast<size_t>(pos - const_order.begin());
     record_tensor(t);
     undo_.push_back(std::move(r));
   }
+  // Its entry in const_order stays: save skips names that are no constant.
   consts_.erase(c);
-  {
-    // Keep the save order free of names that are no constant.
-    auto pos = std::find(const_order.begin(), const_order.end(), t);
-    if (pos != const_order.end()) const_order.erase(pos);
-  }
   auto it = tensors_.find(t);
   if (it != tensors_.end()) it->second.constant = false;
   if (it != tensors_.end() && it->second.uses.empty() && it->second.producers.empty() &&
@@ -837,9 +831,6 @@ void IR::undo(UndoRecord& r) {
       break;
     case UndoRecord::kEraseConst:
       consts_[r.name] = std::move(*r.value);
-      const_order.insert(const_order.begin() + static_cast<std::ptrdiff_t>(
-                                                   std::min(r.index, const_order.size())),
-                         r.name);
       break;
     case UndoRecord::kAddNode:
       remove_node(*r.node);
@@ -912,6 +903,12 @@ const NodeList& IR::node() const {
   }
   order_valid_ = true;
   return order_cache_;
+}
+
+void IR::renumber_order() {
+  const NodeList& order = node();
+  for (size_t i = 0; i < order.size(); ++i) order[i]->order_ = static_cast<int64_t>(i);
+  max_order_ = static_cast<int64_t>(order.size());
 }
 
 void IR::reserve(size_t nodes, size_t tensors) {

@@ -157,7 +157,7 @@ struct UndoRecord {
     kHeader,      // op type, name and attributes of `node`
     kTensor,      // shape, type and constant flag of tensor `name`
     kConst,       // constant `name`: `value` (absent: there was none)
-    kEraseConst,  // constant `name` was dropped: `value`, at `index` in the save order
+    kEraseConst,  // constant `name` was dropped: `value`
     kAddNode,     // `node` was put into the graph
     kRemoveNode,  // `node` was taken out, with order key `order`
     kValueInfo,   // the value_info list was `names`
@@ -254,6 +254,16 @@ class IR {
   // ---- nodes ------------------------------------------------------------
   // All nodes in a valid execution order (cached until the graph changes).
   const NodeList& node() const;
+  // Gives every node the order key of its place in node(), as a graph read
+  // back from its saved form would have: ties that rules break by order
+  // then fall the same way in both.
+  void renumber_order();
+  // Each node once, in no particular order, without sorting the graph.
+  template <class F>
+  void for_each_node(F&& f) const {
+    for (const NodePtr& n : slots_)
+      if (n) f(n);
+  }
   size_t node_count() const { return alive_; }
   bool contains(const Node& n) const { return n.owner_ == this; }
   // Puts a node into the graph; its order key comes from `order`.

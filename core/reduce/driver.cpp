@@ -462,21 +462,34 @@ void apply_result(IR& ir, const RuleResult& result) {
 }
 
 int64_t prune_dead(IR& ir) {
-  int64_t removed = 0;
-  const NodeList order = ir.node();
-  for (auto it = order.rbegin(); it != order.rend(); ++it) {
-    Node& n = **it;
-    bool used = false;
+  // Nodes with no output in use go, and then whatever fed only them: a
+  // worklist from the dead ends upwards, with no sort of the graph.
+  auto dead = [&ir](const Node& n) {
     for (const auto& o : n.output)
-      if (!o.empty() && (ir.use_count(o) > 0 || ir.is_output(o))) used = true;
-    if (used) continue;
-    ir.remove_node(n);
+      if (!o.empty() && (ir.use_count(o) > 0 || ir.is_output(o))) return false;
+    return true;
+  };
+  std::vector<NodePtr> work;
+  ir.for_each_node([&](const NodePtr& n) {
+    if (dead(*n)) work.push_back(n);
+  });
+  int64_t removed = 0;
+  while (!work.empty()) {
+    NodePtr n = std::move(work.back());
+    work.pop_back();
+    if (!ir.contains(*n) || !dead(*n)) continue;
+    const NodeList feeders = ir.pre_nodes(*n);
+    ir.remove_node(*n);
     ++removed;
+    for (const NodePtr& p : feeders)
+      if (ir.contains(*p) && dead(*p)) work.push_back(p);
   }
   std::vector<std::string> unused;
   for (const auto& kv : ir.consts())
     if (ir.use_count(kv.first) == 0 && !ir.is_output(kv.first) && !ir.is_input(kv.first))
       unused.push_back(kv.first);
+  // Erased in save order so that the result does not follow the hash order.
+  std::sort(unused.begin(), unused.end());
   for (const auto& t : unused) ir.erase_const(t);
   return removed;
 }
@@ -512,7 +525,7 @@ DriverStats run_tables(IR& ir, const std::vector<Row>& first, const std::vector<
                              ? options.max_rewrites
                              : 20 * static_cast<int64_t>(ir.node_count()) + 10000;
   for (int round = 0;; ++round) {
-    int64_t changed = make_reshape_shapes_explicit(ir);
+    int64_t changed = round == 0 ? make_reshape_shapes_explicit(ir) : 0;
     // Dead readers in the input would block rules that want a single reader.
     if (options.prune) {
       const int64_t dead = prune_dead(ir);
@@ -520,6 +533,7 @@ DriverStats run_tables(IR& ir, const std::vector<Row>& first, const std::vector<
       changed += dead;
     }
     if (round > 0) ir.op_ruler_pause.clear();
+    ir.renumber_order();
     DriverOptions opt = options;
     opt.max_rewrites = std::max<int64_t>(1, budget - total.rewrites);
     const DriverStats s = Driver(ir, first, second, quant_tab, opt).run();
