@@ -15,6 +15,8 @@ import os
 import sys
 from typing import Dict, List, Optional
 
+from tolm import MAX_CHECK_RUNS
+
 PROG = "tolm-reduce"
 
 
@@ -80,6 +82,8 @@ def main(argv: Optional[List[str]] = None) -> int:
         shapes = parse_input_shapes(args.input_shape)
         if args.check < 0:
             raise UsageError("--check needs a number >= 0")
+        if args.check > MAX_CHECK_RUNS:
+            raise UsageError(f"--check runs at most {MAX_CHECK_RUNS} input sets, got {args.check}")
         if args.model is not None and not args.output:
             raise UsageError("-o/--output is required with an input model")
     except UsageError as exc:

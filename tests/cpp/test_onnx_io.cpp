@@ -425,9 +425,10 @@ TEST(OnnxIO, InputShapesOverride) {
   }
   EXPECT_EQ(full_check(out), "");
 
-  // An override that contradicts a fixed dimension: the model's inner shapes go.
-  ModelBuilder c = io_model({2, 4});
-  c.value_info("r", TP::FLOAT, Dims{2, 4});
+  // An override of a dimension written as 0 (an exporter's unknown): the
+  // model's inner shapes go.
+  ModelBuilder c = io_model({0, 4});
+  c.value_info("r", TP::FLOAT, Dims{0, 4});
   c.node("Relu", {"x"}, {"r"}, "relu");
   c.node("Neg", {"r"}, {"y"}, "neg");
   opt.input_shapes["x"] = {3, 4};
