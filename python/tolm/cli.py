@@ -41,9 +41,11 @@ def _parser() -> argparse.ArgumentParser:
         action="append",
         default=[],
         metavar="NAME:D1,D2,...",
-        help="fixed shape for a graph input (repeatable)",
+        help="fixed shape for a graph input's symbolic dimensions (repeatable)",
     )
-    p.add_argument("--check", type=int, default=0, metavar="N", help="compare outputs in onnxruntime on N random inputs")
+    p.add_argument(
+        "--check", type=int, default=0, metavar="N", help="compare outputs in onnxruntime on N random inputs (at most 1000)"
+    )
     p.add_argument("--report", metavar="FILE.json", help="write the report as JSON")
     return p
 
