@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Builds and runs the C++ unit tests, then the Python tests against the
-# installed package.
+# Builds and runs the C++ unit tests, then the same tests under the address and
+# undefined-behaviour sanitizers, then the Python tests against the installed
+# package.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -8,6 +9,7 @@ BUILD_DIR=${BUILD_DIR:-build/tests}
 cmake -S . -B "$BUILD_DIR" -DTOLM_BUILD_TESTS=ON -DTOLM_BUILD_MODULE=OFF -DCMAKE_BUILD_TYPE=Release >/dev/null
 cmake --build "$BUILD_DIR" -j"$(nproc)" --target tolm_tests
 "$BUILD_DIR"/tolm_tests --gtest_brief=1
+bash scripts/sanitize.sh
 
 # Run from outside the source tree so the installed package is the one tested.
 cd tests/python && python3 -m pytest -q .

@@ -2,6 +2,7 @@
 // Python object while that object lives (shared_ptr holder, pybind11 instance
 // registry), and node equality is identity. Connections written from Python go
 // through the graph's index exactly as a rule's writes do.
+#include <algorithm>
 #include <functional>
 #include <stdexcept>
 
@@ -130,7 +131,14 @@ struct Operand : IRView {
 struct PauseMap : IRView {};
 struct PauseList : IRView {
   std::string key;
+  // For writes: a key dropped from the map since this view was made comes back.
   std::vector<std::string>& names() const { return ir->op_ruler_pause[key]; }
+  // For reads, which must not bring a dropped key back.
+  const std::vector<std::string>& current() const {
+    static const std::vector<std::string> none;
+    auto it = ir->op_ruler_pause.find(key);
+    return it == ir->op_ruler_pause.end() ? none : it->second;
+  }
 };
 struct DepMap : IRView {};
 struct DepSet : IRView {
@@ -182,9 +190,16 @@ void bind_name_list(py::class_<View>& cls, Get get) {
              if (i < 0 || i >= n) throw py::index_error("index out of range");
              return names[static_cast<size_t>(i)];
            })
-      .def("__getitem__", [get](const View& v, py::slice s) { return str_list(get(v))[s]; })
+      // A slice is a new list of copies: `str_list(...)[s]` would be an
+      // accessor into a temporary list, freed before Python reads it.
+      .def("__getitem__",
+           [get](const View& v, py::slice s) { return py::list(str_list(get(v))[s]); })
       .def("__iter__", [get](const View& v) { return py::iter(str_list(get(v))); })
-      .def("__eq__", [get](const View& v, py::object o) { return sequence_equals(get(v), o); })
+      // A copy: comparing calls back into Python, which may change the list.
+      .def("__eq__", [get](const View& v, py::object o) {
+        const std::vector<std::string> names = get(v);
+        return sequence_equals(names, o);
+      })
       .def("__repr__", [get](const View& v) { return py::repr(str_list(get(v))).template cast<std::string>(); })
       .def("index",
            [get](const View& v, const std::string& t) {
@@ -359,14 +374,71 @@ void init_ir(py::module& m) {
   bind_name_list(port, [](const PortView& v) -> const std::vector<std::string>& { return v.list().names(); });
   port.def("__setitem__",
            [](PortView& v, py::ssize_t i, py::object name) { v.list().set(v.index(i), text_of(name)); })
+      .def("__setitem__",
+           [](PortView& v, py::slice s, py::object seq) {
+             // Python's own list decides what the slice assignment means
+             // (and refuses a length mismatch on an extended slice).
+             py::list names = str_list(v.list().names());
+             names[s] = py::list(str_list(names_of(seq)));
+             v.list().assign(names_of(names));
+           })
       .def("__delitem__", [](PortView& v, py::ssize_t i) { v.list().erase(v.index(i)); })
+      .def("__delitem__",
+           [](PortView& v, py::slice s) {
+             py::ssize_t start = 0, stop = 0, step = 0, count = 0;
+             if (!s.compute(static_cast<py::ssize_t>(v.list().size()), &start, &stop, &step, &count))
+               throw py::error_already_set();
+             std::vector<size_t> drop;
+             for (py::ssize_t k = 0; k < count; ++k) drop.push_back(static_cast<size_t>(start + k * step));
+             std::sort(drop.rbegin(), drop.rend());  // from the back: earlier indices stay put
+             for (size_t i : drop) v.list().erase(i);
+           })
       .def("__contains__", [](const PortView& v, py::object t) {
         return py::isinstance<py::str>(t) && v.list().contains(t.cast<std::string>());
       })
+      .def("__add__", [](const PortView& v, py::object seq) {
+        py::list out = str_list(v.list().names());
+        for (const auto& t : names_of(seq)) out.append(py::str(t));
+        return out;
+      })
+      .def("__radd__", [](const PortView& v, py::object seq) {
+        py::list out = str_list(names_of(seq));
+        for (const auto& t : v.list().names()) out.append(py::str(t));
+        return out;
+      })
       .def("append", [](PortView& v, py::object t) { v.list().push_back(text_of(t)); })
-      .def("extend", [](PortView& v, py::object seq) {
-        for (const auto& t : names_of(seq)) v.list().push_back(t);
-      });
+      .def("extend",
+           [](PortView& v, py::object seq) {
+             for (const auto& t : names_of(seq)) v.list().push_back(t);  // names_of copies: seq may be v
+           })
+      .def("insert",
+           [](PortView& v, py::ssize_t i, py::object name) {
+             std::vector<std::string> names = v.list().names();
+             const auto n = static_cast<py::ssize_t>(names.size());
+             if (i < 0) i = std::max<py::ssize_t>(i + n, 0);
+             i = std::min(i, n);
+             names.insert(names.begin() + i, text_of(name));
+             v.list().assign(names);
+           })
+      .def("pop",
+           [](PortView& v, py::ssize_t i) {
+             if (v.list().empty()) throw py::index_error("pop from empty list");
+             const size_t at = v.index(i);
+             std::string t = v.list()[at];
+             v.list().erase(at);
+             return t;
+           },
+           py::arg("i") = -1)
+      .def("remove",
+           [](PortView& v, py::object name) {
+             const std::string t = text_of(name);
+             const auto& names = v.list().names();
+             auto it = std::find(names.begin(), names.end(), t);
+             if (it == names.end()) throw py::value_error("'" + t + "' is not in list");
+             v.list().erase(static_cast<size_t>(it - names.begin()));
+           })
+      .def("clear", [](PortView& v) { v.list().resize(0); })
+      .def("copy", [](const PortView& v) { return str_list(v.list().names()); });
 
   // ---- nodes ----------------------------------------------------------------
   py::class_<Node, NodePtr> node(m, "Node", "An operator node of the graph.");
@@ -489,7 +561,7 @@ void init_ir(py::module& m) {
       });
 
   py::class_<PauseList> pause_list(m, "PauseList", "Node names paused under one rule key.");
-  bind_name_list(pause_list, [](const PauseList& v) -> const std::vector<std::string>& { return v.names(); });
+  bind_name_list(pause_list, [](const PauseList& v) -> const std::vector<std::string>& { return v.current(); });
   pause_list.def("append", [](PauseList& v, const std::string& s) { v.names().push_back(s); })
       .def("extend", [](PauseList& v, py::object seq) {
         for (const auto& s : names_of(seq)) v.names().push_back(s);
@@ -497,19 +569,20 @@ void init_ir(py::module& m) {
       .def("__contains__", [](const PauseList& v, py::object t) {
         if (!py::isinstance<py::str>(t)) return false;
         const std::string s = t.cast<std::string>();
-        for (const auto& x : v.names())
+        for (const auto& x : v.current())
           if (x == s) return true;
         return false;
       })
       .def("__setitem__",
            [](PauseList& v, py::ssize_t i, const std::string& s) {
-             auto& names = v.names();
-             const auto n = static_cast<py::ssize_t>(names.size());
+             const auto n = static_cast<py::ssize_t>(v.current().size());
              if (i < 0) i += n;
              if (i < 0 || i >= n) throw py::index_error("index out of range");
-             names[static_cast<size_t>(i)] = s;
+             v.names()[static_cast<size_t>(i)] = s;
            })
-      .def("clear", [](PauseList& v) { v.names().clear(); });
+      .def("clear", [](PauseList& v) {
+        if (!v.current().empty()) v.names().clear();
+      });
 
   py::class_<PauseMap>(m, "PauseMap", "Rule key -> names of nodes a rule should not start from.")
       .def("__contains__", [](const PauseMap& v, py::object k) {

@@ -7,6 +7,7 @@
 #include "bindings/bindings.h"
 #include "host/log.h"
 #include "host/op_lists.h"
+#include "layout/layout.h"
 #include "reduce/driver.h"
 #include "reduce/tables.h"
 
@@ -111,6 +112,38 @@ py::object make_proc(const std::string& name, RuleProc proc) {
       "Rule procedure: returns (remove, add).");
 }
 
+// The mesh rule in its full form: the search direction and the nodes an
+// earlier attempt found unable to follow the layout. Returns (remove, add),
+// or ([], [], refused node names) when nodes of the mesh refused the layout.
+py::object make_mesh_proc() {
+  return py::cpp_function(
+      [](IR& ir, py::object nodes, py::object quant_tab, const std::string& direction,
+         py::object refused) -> py::tuple {
+        if (direction != "forward" && direction != "backward")
+          throw py::value_error("direction must be 'forward' or 'backward', got '" + direction + "'");
+        Names excluded;
+        if (!refused.is_none()) {
+          if (py::isinstance<py::str>(refused))
+            throw py::type_error("last_time_tp_change_unsupport_op must be a list of node names");
+          for (py::handle h : refused) {
+            if (!py::isinstance<py::str>(h))
+              throw py::type_error("last_time_tp_change_unsupport_op must be a list of node names, got " +
+                                   py::repr(h).cast<std::string>());
+            excluded.push_back(h.cast<std::string>());
+          }
+        }
+        NodeList list = nodes_from_python(nodes);
+        QuantBridge q(quant_tab);
+        MeshResult r = _p_reduce_tp_in_mesh(ir, list, q.table(), direction, excluded);
+        q.write_back();
+        if (r.has_unsupported) return py::make_tuple(py::list(), py::list(), py::cast(r.unsupported));
+        return py::make_tuple(nodes_to_python(r.remove), nodes_to_python(r.add));
+      },
+      py::name("_p_reduce_tp_in_mesh"), py::arg("ir"), py::arg("nodes"), py::arg("quant_tab") = py::none(),
+      py::arg("direction") = "forward", py::arg("last_time_tp_change_unsupport_op") = py::list(),
+      "Mesh rule: returns (remove, add), or ([], [], refused node names).");
+}
+
 py::object make_unavailable(const std::string& key) {
   const std::string msg = "rule " + key + " is not available in this build";
   return py::cpp_function(
@@ -162,6 +195,11 @@ void init_rules(py::module& m) {
     py::object f = make_proc(e.name, e.proc);
     procs[py::str(e.name)] = f;
     m.attr(e.name.c_str()) = f;
+  }
+  {
+    py::object mesh = make_mesh_proc();
+    procs["_p_reduce_tp_in_mesh"] = mesh;
+    m.attr("_p_reduce_tp_in_mesh") = mesh;
   }
   m.attr("fuse_reduce") = build_table(fuse_reduce(), procs);
   m.attr("cvt_reduce") = build_table(cvt_reduce(), procs);

@@ -15,6 +15,7 @@
 
 #include "host/onnx_convert.h"
 #include "host/shape_infer.h"
+#include "host/validate.h"
 
 namespace tolm {
 
@@ -406,6 +407,7 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
   if (model->ir_version() <= 0) throw LoadError("not an ONNX model: no ir_version");
   if (!model->has_graph()) throw LoadError("not an ONNX model: it has no graph");
   onnx::GraphProto& g = *model->mutable_graph();
+  validate_declared_shapes(g);
 
   auto irp = std::make_unique<IR>();
   IR& ir = *irp;
@@ -461,13 +463,21 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
       if (static_cast<size_t>(sh.dim_size()) != shape.size())
         throw LoadError("input_shapes gives " + name + " rank " + std::to_string(shape.size()) +
                         ", the model's input has rank " + std::to_string(sh.dim_size()));
-      for (int k = 0; k < sh.dim_size(); ++k)
-        if (sh.dim(k).has_dim_value() && sh.dim(k).dim_value() != shape[static_cast<size_t>(k)])
-          overrides_conflict = true;
+      for (int k = 0; k < sh.dim_size(); ++k) {
+        const int64_t given = shape[static_cast<size_t>(k)];
+        if (!sh.dim(k).has_dim_value() || sh.dim(k).dim_value() == given) continue;
+        // A fixed dimension is part of the model; only symbolic, unknown (and
+        // the 0 some exporters write for unknown) dimensions can be fixed.
+        if (sh.dim(k).dim_value() > 0)
+          throw LoadError("input_shapes gives " + name + " dimension " + std::to_string(k) + " as " +
+                          std::to_string(given) + ", the model's input fixes it at " +
+                          std::to_string(sh.dim(k).dim_value()));
+        overrides_conflict = true;
+      }
     }
   }
-  // When an override contradicts a fixed input dimension, the model's own
-  // intermediate shapes no longer hold: keep only their element types.
+  // When an override replaces a dimension the model wrote as 0, the model's
+  // own intermediate shapes no longer hold: keep only their element types.
   const bool model_shapes = !overrides_conflict;
 
   // ---- value_info, outputs, inputs (the latter win)
@@ -615,6 +625,7 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
   model->SerializeToString(&ir.model_shell);
 
   if (options.infer_shapes) infer_missing(ir);
+  validate_graph(ir);
   return irp;
 }
 

@@ -14,6 +14,10 @@ import onnx
 
 __version__ = "0.1.0"
 
+# Most random input sets the numeric check runs: each is a full run of both
+# models in onnxruntime.
+MAX_CHECK_RUNS = 1000
+
 
 def _op_counts(model: onnx.ModelProto) -> Dict[str, int]:
     counts: Dict[str, int] = {}
@@ -42,6 +46,8 @@ def reduce(
     check_target(target)
     if strict is None:
         strict = os.environ.get("TOLM_STRICT", "") not in ("", "0")
+    if check > MAX_CHECK_RUNS:
+        raise ValueError(f"check runs at most {MAX_CHECK_RUNS} input sets, got {check}")
     shapes = normalize_input_shapes(input_shapes)
     t0 = time.perf_counter()
     original_bytes = read_model_bytes(model)
@@ -128,4 +134,4 @@ def format_report(report: dict) -> str:
     return "\n".join(lines)
 
 
-__all__ = ["reduce", "format_report", "__version__"]
+__all__ = ["reduce", "format_report", "MAX_CHECK_RUNS", "__version__"]

@@ -15,6 +15,8 @@ import os
 import sys
 from typing import Dict, List, Optional
 
+from tolm import MAX_CHECK_RUNS
+
 PROG = "tolm-reduce"
 
 
@@ -39,9 +41,11 @@ def _parser() -> argparse.ArgumentParser:
         action="append",
         default=[],
         metavar="NAME:D1,D2,...",
-        help="fixed shape for a graph input (repeatable)",
+        help="fixed shape for a graph input's symbolic dimensions (repeatable)",
     )
-    p.add_argument("--check", type=int, default=0, metavar="N", help="compare outputs in onnxruntime on N random inputs")
+    p.add_argument(
+        "--check", type=int, default=0, metavar="N", help="compare outputs in onnxruntime on N random inputs (at most 1000)"
+    )
     p.add_argument("--report", metavar="FILE.json", help="write the report as JSON")
     return p
 
@@ -80,6 +84,8 @@ def main(argv: Optional[List[str]] = None) -> int:
         shapes = parse_input_shapes(args.input_shape)
         if args.check < 0:
             raise UsageError("--check needs a number >= 0")
+        if args.check > MAX_CHECK_RUNS:
+            raise UsageError(f"--check runs at most {MAX_CHECK_RUNS} input sets, got {args.check}")
         if args.model is not None and not args.output:
             raise UsageError("-o/--output is required with an input model")
     except UsageError as exc:

@@ -174,13 +174,17 @@ TEST(OnnxIO, ConstantsOfManyTypesRoundTrip) {
       tp.add_dims(3);
       if (raw) tp.set_raw_data(std::string(reinterpret_cast<const char*>(a.raw().data()), a.raw().size()));
       for (int64_t e = 0; e < 3 && !raw; ++e) {  // the typed field each dtype is stored in
-        uint16_t bits = 0;
-        std::memcpy(&bits, a.raw().data() + e * 2, 2);  // 16-bit floats go as their bits
         if (dtype == dt::FLOAT) tp.add_float_data(static_cast<float>(a.f64_at(e)));
         else if (dtype == dt::DOUBLE) tp.add_double_data(a.f64_at(e));
         else if (dtype == dt::INT64) tp.add_int64_data(a.i64_at(e));
         else if (dtype == dt::UINT32 || dtype == dt::UINT64) tp.add_uint64_data(static_cast<uint64_t>(a.i64_at(e)));
-        else tp.add_int32_data(dtype == dt::FLOAT16 || dtype == dt::BFLOAT16 ? bits : static_cast<int32_t>(a.i64_at(e)));
+        else if (dtype == dt::FLOAT16 || dtype == dt::BFLOAT16) {
+          uint16_t bits = 0;  // 16-bit floats go as their bit patterns
+          std::memcpy(&bits, a.raw().data() + e * 2, 2);
+          tp.add_int32_data(bits);
+        } else {
+          tp.add_int32_data(static_cast<int32_t>(a.i64_at(e)));
+        }
       }
       b.init(tp);
       b.node("Identity", {name}, {name + "_out"}, "id_" + name);
@@ -421,9 +425,10 @@ TEST(OnnxIO, InputShapesOverride) {
   }
   EXPECT_EQ(full_check(out), "");
 
-  // An override that contradicts a fixed dimension: the model's inner shapes go.
-  ModelBuilder c = io_model({2, 4});
-  c.value_info("r", TP::FLOAT, Dims{2, 4});
+  // An override of a dimension written as 0 (an exporter's unknown): the
+  // model's inner shapes go.
+  ModelBuilder c = io_model({0, 4});
+  c.value_info("r", TP::FLOAT, Dims{0, 4});
   c.node("Relu", {"x"}, {"r"}, "relu");
   c.node("Neg", {"r"}, {"y"}, "neg");
   opt.input_shapes["x"] = {3, 4};

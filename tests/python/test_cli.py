@@ -59,6 +59,15 @@ def bad_models(tmp_path):
         p.write_bytes(helper.make_model(graph).SerializeToString())
         return str(p)
 
+    def save_model(name, *nodes, inputs=None, outputs=None, consts=None):
+        p = tmp_path / name
+        m = make_model(nodes, inputs or {"x": [2, 3]}, outputs or {"y": None}, consts=consts)
+        p.write_bytes(m.SerializeToString())
+        return str(p)
+
+    def branch(reads):
+        return helper.make_graph([helper.make_node("Identity", [reads], ["o"])], "b", [], [vi("o")])
+
     text, trunc = tmp_path / "text.onnx", tmp_path / "trunc.onnx"
     text.write_text("this is not a model\n")
     trunc.write_bytes(example_model().SerializeToString()[:300])
@@ -69,6 +78,46 @@ def bad_models(tmp_path):
         "truncated": ([str(trunc), *out], "not an ONNX model"),
         "cycle": ([save("c.onnx", ("Add", ["x", "b"], ["a"]), ("Relu", ["a"], ["b"])), *out], "cycle"),
         "two producers": ([save("d.onnx", ("Relu", ["x"], ["y"]), ("Neg", ["x"], ["y"])), *out], "two producers"),
+        "undefined tensor": (
+            [save_model("u.onnx", ("Add", ["x", "ghost"], ["y"])), *out],
+            "node n0 reads tensor ghost, which no graph input",
+        ),
+        "undefined in branch": (
+            [
+                save_model(
+                    "ub.onnx",
+                    ("If", ["c"], ["y"], {"then_branch": branch("ghost"), "else_branch": branch("x")}),
+                    inputs={"x": [2], "c": (onnx.TensorProto.BOOL, [])},
+                ),
+                *out,
+            ],
+            "node n0 reads tensor ghost in a sub-graph",
+        ),
+        "bad perm": (
+            [save_model("p.onnx", ("Transpose", ["x"], ["y"], {"perm": [0, 2]})), *out],
+            "node n0: perm [0,2] is not a permutation of the 2 axes of its input x",
+        ),
+        "reshape count": (
+            [save_model("r.onnx", ("Reshape", ["x", "s"], ["y"]), consts={"s": [4, 2]}), *out],
+            "does not hold the 6 elements of its input x [2,3]",
+        ),
+        "reshape negative": (
+            [save_model("rn.onnx", ("Reshape", ["x", "s"], ["y"]), inputs={"x": ["N", 3]}, consts={"s": [-2, 3]}), *out],
+            "has the negative dimension -2",
+        ),
+        "negative input dim": (
+            [save_model("nd.onnx", ("Relu", ["x"], ["y"]), inputs={"x": [2, -4]}), *out],
+            "graph input x has the negative dimension -4",
+        ),
+        "negative output dim": (
+            [save_model("no.onnx", ("Relu", ["x"], ["y"]), outputs={"y": [-1, 3]}), *out],
+            "graph output y has the negative dimension -1",
+        ),
+        "contradicting input shape": (
+            [save_model("cs.onnx", ("Relu", ["x"], ["y"]), inputs={"x": ["N", 3]}), *out, "--input-shape", "x:5,4"],
+            "input_shapes gives x dimension 1 as 4, the model's input fixes it at 3",
+        ),
+        "too many checks": ([save_model("ok.onnx", ("Relu", ["x"], ["y"])), *out, "--check", "1001"], "at most 1000"),
         "bad input shape": (["--input-shape", "image1,3"], "--input-shape"),
         "bad input dims": (["--input-shape", "image:1,x,3"], "--input-shape"),
         "unknown input": (["--input-shape", "nosuch:1,3,16,16"], "nosuch"),
@@ -77,8 +126,10 @@ def bad_models(tmp_path):
     }
 
 
-CASES = ["missing", "not onnx", "truncated", "cycle", "two producers", "bad input shape", "bad input dims",
-         "unknown input", "bad target", "no output path"]
+CASES = ["missing", "not onnx", "truncated", "cycle", "two producers", "undefined tensor", "undefined in branch",
+         "bad perm", "reshape count", "reshape negative", "negative input dim", "negative output dim",
+         "contradicting input shape", "too many checks", "bad input shape", "bad input dims", "unknown input",
+         "bad target", "no output path"]
 
 
 @pytest.mark.parametrize("case", CASES)
@@ -88,6 +139,7 @@ def test_bad_input_exits_2_with_one_line(tmp_path, capsys, case):
     lines = capsys.readouterr().err.strip().splitlines()
     assert len(lines) == 1 and lines[0].startswith("tolm-reduce: error: "), lines
     assert says in lines[0]
+    assert not (tmp_path / "out.onnx").exists()
 
 
 def test_bad_input_as_a_process(tmp_path):

@@ -198,3 +198,39 @@ def test_mesh_rule_from_one_seed(name):
     onnx.checker.check_model(out, full_check=True)
     assert [i.name for i in out.graph.input] == [i.name for i in model.graph.input]
     assert_same_outputs(model, out)
+
+
+def test_mesh_rule_reports_nodes_that_refuse_the_layout():
+    from tolm.api.ir_graph import IRGraph
+    from tolm.api.rules import reduce
+
+    model = MESH_CASES["conv 3x3 refused"][0]  # tp_in -> Conv 3x3 "n1" -> tp_out
+    ir = IRGraph(model)
+    seed = ir.find_node("tp_in")
+    for args in [(), ("forward",), ("forward", [])]:  # the short forms default to forward, nothing excluded
+        result = reduce._p_reduce_tp_in_mesh(ir, [seed], None, *args)
+        assert len(result) == 3 and result[0] == [] and result[1] == [] and set(result[2]) == {"n1"}
+    # With the Conv excluded the region holds nothing to gain: no rewrite, the seed is paused.
+    result = reduce._p_reduce_tp_in_mesh(ir, [seed], None, "forward", ["n1"])
+    assert result == ([], [])
+    assert seed.name in ir.op_ruler_pause["reduce_tp_in_mesh_forward"]
+    back = reduce._p_reduce_tp_in_mesh(ir, [ir.find_node("tp_out")], None, "backward", [])
+    assert len(back) == 3 and set(back[2]) == {"n1"}
+    for bad, error in [(("sideways", []), ValueError), (("forward", "n1"), TypeError), (("forward", [1]), TypeError)]:
+        with pytest.raises(error):
+            reduce._p_reduce_tp_in_mesh(ir, [seed], None, *bad)
+
+
+@pytest.mark.parametrize("direction, seed", [("forward", "tp_in"), ("backward", "tp_out")])
+def test_mesh_rule_with_direction_applies(direction, seed):
+    from tolm.api.ir_graph import IRGraph
+    from tolm.api.rules import reduce
+
+    model = MESH_CASES[direction][0]
+    ir = IRGraph(model)
+    remove, add = reduce._p_reduce_tp_in_mesh(ir, [ir.find_node(seed)], None, direction, [])
+    assert remove
+    ir.apply(remove, add)
+    out = ir.to_onnx()
+    assert transposes(out) == 0
+    assert_same_outputs(model, out)

@@ -131,3 +131,33 @@ def test_symbolic_input_with_input_shapes():
     reduced, report = tolm.reduce(m, input_shapes={"x": [3, 5]}, check=1)
     onnx.checker.check_model(reduced, full_check=True)
     assert report["check"]["status"] == "passed"
+
+
+@pytest.mark.parametrize("opset", [13, 18])  # the native load path, and the one through ONNX's inference
+@pytest.mark.parametrize(
+    "shape, error",
+    [
+        ([3, 5], None),
+        ([3, 6], "input_shapes gives x dimension 1 as 6, the model's input fixes it at 5"),
+        ([3, 5, 1], "input_shapes gives x rank 3, the model's input has rank 2"),
+    ],
+)
+def test_input_shapes_fix_only_open_dimensions(opset, shape, error):
+    from tolm.api.ir_graph import LoadError
+
+    m = make_model(
+        [("Relu", ["x"], ["a"]), ("Neg", ["a"], ["y"])], inputs={"x": ["N", 5]}, outputs={"y": None}, opset=opset
+    )
+    m.graph.ClearField("value_info")
+    if error is None:
+        reduced, _ = tolm.reduce(m, input_shapes={"x": shape})
+        assert [d.dim_value for d in reduced.graph.input[0].type.tensor_type.shape.dim] == shape
+        return
+    with pytest.raises(LoadError, match=error):
+        tolm.reduce(m, input_shapes={"x": shape})
+
+
+def test_check_runs_are_capped():
+    m = make_model([("Relu", ["x"], ["y"])], inputs={"x": [4]}, outputs={"y": [4]})
+    with pytest.raises(ValueError, match="at most 1000"):
+        tolm.reduce(m, check=tolm.MAX_CHECK_RUNS + 1)

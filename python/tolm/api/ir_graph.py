@@ -79,6 +79,25 @@ def _missing_shapes(graph: onnx.GraphProto) -> bool:
     return any(out and out not in known for node in graph.node for out in node.output)
 
 
+def check_fixed_dims(graph: onnx.GraphProto, shapes: Dict[str, List[int]]) -> None:
+    """Given input shapes may fix symbolic or unknown dimensions only: the rank
+    and every dimension the model fixes must stay. Raises LoadError, worded as
+    the native loader words it."""
+    for vi in graph.input:
+        if vi.name not in shapes or not vi.type.tensor_type.HasField("shape"):
+            continue
+        given, dims = shapes[vi.name], vi.type.tensor_type.shape.dim
+        if len(dims) != len(given):
+            raise LoadError(
+                f"input_shapes gives {vi.name} rank {len(given)}, the model's input has rank {len(dims)}"
+            )
+        for k, (d, g) in enumerate(zip(dims, given)):
+            if d.HasField("dim_value") and d.dim_value > 0 and d.dim_value != g:
+                raise LoadError(
+                    f"input_shapes gives {vi.name} dimension {k} as {g}, the model's input fixes it at {d.dim_value}"
+                )
+
+
 def _fix_input_dims(model: onnx.ModelProto, shapes: Dict[str, List[int]]) -> None:
     for vi in model.graph.input:
         if vi.name not in shapes or not vi.type.HasField("tensor_type"):
@@ -165,6 +184,7 @@ def prepare_model_bytes(model: ModelLike, input_shapes: Optional[Dict[str, List[
         for name in input_shapes:
             if name not in graph_inputs:
                 raise ValueError(f"model has no graph input '{name}'")
+        check_fixed_dims(proto.graph, input_shapes)
     if not (input_shapes or _missing_shapes(proto.graph)):
         return data
     work = onnx.ModelProto()

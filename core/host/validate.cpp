@@ -1,0 +1,139 @@
+#include "host/validate.h"
+
+#include <string>
+#include <vector>
+
+#include <onnx/onnx_pb.h>
+
+#include "host/onnx_io.h"
+
+namespace tolm {
+
+namespace {
+
+// Every node in a graph has a name (unnamed ones get one at load).
+const std::string& label(const Node& n) { return n.name(); }
+
+std::string list_text(const std::vector<int64_t>& v) {
+  std::string s = "[";
+  for (size_t i = 0; i < v.size(); ++i) s += (i ? "," : "") + std::to_string(v[i]);
+  return s + "]";
+}
+
+bool defined(const IR& ir, const std::string& t) {
+  return ir.is_input(t) || ir.is_const(t) || ir.producer(t) != nullptr;
+}
+
+void check_reads(const IR& ir, const Node& n) {
+  for (const auto& t : n.input)
+    if (!t.empty() && !defined(ir, t))
+      throw LoadError("node " + label(n) + " reads tensor " + t +
+                      ", which no graph input, initializer or node defines");
+  for (const auto& t : n.implicit_inputs)
+    if (!defined(ir, t))
+      throw LoadError("node " + label(n) + " reads tensor " + t +
+                      " in a sub-graph, which no graph input, initializer or node defines");
+}
+
+void check_transpose(const IR& ir, const Node& n) {
+  const auto perm = IR::get_attr_ints(n, "perm");
+  if (!perm || n.input.empty()) return;  // absent: the axes reversed, always valid
+  const std::string& x = n.input[0];
+  size_t rank = perm->size();
+  const bool rank_known = ir.has_shape(x);
+  if (rank_known) rank = ir.get_shape(x).size();
+  std::vector<char> seen(rank, 0);
+  bool ok = perm->size() == rank;
+  for (size_t i = 0; ok && i < perm->size(); ++i) {
+    const int64_t a = (*perm)[i];
+    ok = a >= 0 && static_cast<size_t>(a) < rank && !seen[static_cast<size_t>(a)];
+    if (ok) seen[static_cast<size_t>(a)] = 1;
+  }
+  if (ok) return;
+  if (rank_known)
+    throw LoadError("node " + label(n) + ": perm " + list_text(*perm) + " is not a permutation of the " +
+                    std::to_string(rank) + " axes of its input " + x);
+  throw LoadError("node " + label(n) + ": perm " + list_text(*perm) + " is not a permutation");
+}
+
+// Product of the dimensions, false if it does not fit in 64 bits.
+bool element_count(const Shape& s, int64_t& out) {
+  out = 1;
+  for (int64_t d : s)
+    if (__builtin_mul_overflow(out, d, &out)) return false;
+  return true;
+}
+
+void check_reshape(const IR& ir, const Node& n) {
+  if (n.input.size() < 2) return;
+  const NDArray* c = ir.get_const(n.input[1]);
+  if (!c || !dtype_is_integer(c->dtype())) return;
+  const std::vector<int64_t> target = c->to_i64();
+  const std::string where = "node " + label(n) + ": target shape " + list_text(target) + " (" + n.input[1] + ")";
+  const bool allowzero = IR::get_attr_int(n, "allowzero").value_or(0) != 0;
+  int infer_at = -1;
+  bool has_zero = false;
+  for (size_t i = 0; i < target.size(); ++i) {
+    const int64_t d = target[i];
+    if (d == -1) {
+      if (infer_at >= 0) throw LoadError(where + " has more than one -1");
+      infer_at = static_cast<int>(i);
+    } else if (d < 0) {
+      throw LoadError(where + " has the negative dimension " + std::to_string(d));
+    }
+    has_zero |= d == 0;
+  }
+  if (allowzero && has_zero && infer_at >= 0)
+    throw LoadError(where + " has both 0 and -1, which allowzero=1 forbids");
+
+  const std::string& x = n.input[0];
+  if (!ir.has_shape(x)) return;
+  const Shape in = ir.get_shape(x);
+  Shape out(target.begin(), target.end());
+  for (size_t i = 0; i < out.size(); ++i) {
+    if (out[i] != 0 || allowzero) continue;
+    if (i >= in.size())
+      throw LoadError(where + " copies dimension " + std::to_string(i) + " of its input " + x + ", which has rank " +
+                      std::to_string(in.size()));
+    out[i] = in[i];
+  }
+  int64_t have = 0, known = 1;
+  if (!element_count(in, have)) return;
+  for (size_t i = 0; i < out.size(); ++i)
+    if (static_cast<int>(i) != infer_at && __builtin_mul_overflow(known, out[i], &known)) return;
+  const bool fits = infer_at >= 0 ? (known == 0 ? have == 0 : have % known == 0) : known == have;
+  if (fits) return;
+  throw LoadError(where + " does not hold the " + std::to_string(have) + " elements of its input " + x + " " +
+                  list_text(in));
+}
+
+void check_dims(const onnx::ValueInfoProto& vi, const char* what) {
+  if (!vi.type().has_tensor_type() || !vi.type().tensor_type().has_shape()) return;
+  for (const auto& d : vi.type().tensor_type().shape().dim())
+    if (d.has_dim_value() && d.dim_value() < 0)
+      throw LoadError(std::string(what) + " " + vi.name() + " has the negative dimension " +
+                      std::to_string(d.dim_value()));
+}
+
+}  // namespace
+
+void validate_declared_shapes(const onnx::GraphProto& g) {
+  for (const auto& vi : g.input()) check_dims(vi, "graph input");
+  for (const auto& vi : g.output()) check_dims(vi, "graph output");
+  for (const auto& vi : g.value_info()) check_dims(vi, "value_info of tensor");
+}
+
+void validate_graph(const IR& ir) {
+  for (const auto& np : ir.node()) {
+    const Node& n = *np;
+    check_reads(ir, n);
+    if (!n.domain.empty() && n.domain != "ai.onnx") continue;
+    if (n.op_type() == "Transpose") check_transpose(ir, n);
+    else if (n.op_type() == "Reshape") check_reshape(ir, n);
+  }
+  for (const auto& t : ir.outputs())
+    if (!t.empty() && !defined(ir, t))
+      throw LoadError("graph output " + t + " is not defined by any graph input, initializer or node");
+}
+
+}  // namespace tolm
