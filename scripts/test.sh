@@ -11,5 +11,10 @@ cmake --build "$BUILD_DIR" -j"$(nproc)" --target tolm_tests
 "$BUILD_DIR"/tolm_tests --gtest_brief=1
 bash scripts/sanitize.sh
 
-# Run from outside the source tree so the installed package is the one tested.
-cd tests/python && python3 -m pytest -q .
+# Rules rewire through the host's edit primitives, never with loops of their own.
+python3 scripts/check_rewiring.py
+
+# Run from outside the source tree so the installed package is the one tested;
+# then the random-graph differential fuzzer on a fixed seed.
+(cd tests/python && python3 -m pytest -q .)
+(cd tests/fuzz && python3 -m pytest -q .)

@@ -627,7 +627,7 @@ void IR::add_node(const NodePtr& node, int64_t order) {
     std::string cand;
     do {
       cand = base + "_" + std::to_string(k++);
-    } while (by_name_.count(cand) != 0);
+    } while (by_name_.count(cand) != 0 || retired_names_.count(cand) != 0);
     node->name_ = cand;
   }
   node->owner_ = this;
@@ -682,6 +682,7 @@ void IR::remove_node(Node& node) {
   for (size_t i = 0; i < node.output.names_.size(); ++i) detach_producer(&node, i);
   auto bn = by_name_.find(node.name_);
   if (bn != by_name_.end() && bn->second == &node) by_name_.erase(bn);
+  retired_names_.insert(node.name_);
   slots_[node.slot_] = nullptr;
   free_slots_.push_back(node.slot_);
   --alive_;
@@ -696,7 +697,8 @@ NodePtr IR::find_node(const std::string& name) const {
 }
 
 bool IR::name_taken(const std::string& name) const {
-  return tensors_.count(name) != 0 || consts_.count(name) != 0 || by_name_.count(name) != 0;
+  return tensors_.count(name) != 0 || consts_.count(name) != 0 || by_name_.count(name) != 0 ||
+         retired_names_.count(name) != 0;
 }
 
 std::string IR::unique_tensor_name(const std::string& base) const {
@@ -708,10 +710,11 @@ std::string IR::unique_tensor_name(const std::string& base) const {
 }
 
 std::string IR::unique_node_name(const std::string& base) const {
-  if (by_name_.count(base) == 0) return base;
+  auto free = [&](const std::string& n) { return by_name_.count(n) == 0 && retired_names_.count(n) == 0; };
+  if (free(base)) return base;
   for (int64_t k = 1;; ++k) {
     std::string cand = base + "_" + std::to_string(k);
-    if (by_name_.count(cand) == 0) return cand;
+    if (free(cand)) return cand;
   }
 }
 

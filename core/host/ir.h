@@ -273,9 +273,9 @@ class IR {
   NodePtr find_node(const std::string& name) const;
   // Room for this many nodes and tensors, so a large model loads without rehashing.
   void reserve(size_t nodes, size_t tensors);
-  // A name that no tensor, constant or node holds yet, from base and suffix.
+  // A name that no tensor, constant or node holds or held, from base and suffix.
   std::string unique_tensor_name(const std::string& base) const;
-  // A name that no node holds yet: base itself, or base plus "_k".
+  // A name that no node holds or held: base itself, or base plus "_k".
   std::string unique_node_name(const std::string& base) const;
   bool name_taken(const std::string& name) const;
 
@@ -362,6 +362,9 @@ class IR {
   std::vector<NodePtr> touched_;
   std::vector<std::string> released_;
   int64_t max_order_ = 0;
+  // Names of nodes taken out. A new name is never one of these: records kept
+  // by node name (paused rules) must not pass to an unrelated new node.
+  std::unordered_set<std::string> retired_names_;
   // Next counter per op type for the names of unnamed nodes.
   std::unordered_map<std::string, int64_t> auto_name_next_;
   std::vector<UndoRecord> undo_;

@@ -1,0 +1,1166 @@
+"""Random valid ONNX graphs over the operators the reduction rules rewrite.
+
+A case grows from one to three graph inputs: each step picks a pattern (a
+Transpose pair, a neutral Add, a channels-last region, a full-range Gather...)
+and applies it to tensors made so far, preferring recent ones so that chains
+form, but reading older ones often enough that tensors get several readers.
+Shapes are tracked while growing so every attribute and constant fits; what
+the tracking gets wrong is caught by strict shape inference, the checker and
+an onnxruntime run, and the attempt is regenerated.
+
+``make_case(seed)`` returns the model; ``generate(seed)`` also returns the
+inputs, the reference outputs and how many attempts were thrown away.
+"""
+
+from __future__ import annotations
+
+import math
+from collections import Counter
+from dataclasses import dataclass, field
+from typing import Callable, Dict, List, Optional, Sequence, Tuple
+
+import numpy as np
+import onnx
+from onnx import TensorProto, helper, numpy_helper
+
+OPSET = 17
+IR_VERSION = 8
+FLOAT, INT64, BOOL, DOUBLE, FLOAT16, INT32 = (
+    TensorProto.FLOAT,
+    TensorProto.INT64,
+    TensorProto.BOOL,
+    TensorProto.DOUBLE,
+    TensorProto.FLOAT16,
+    TensorProto.INT32,
+)
+MAX_ELEMS = 1024
+MAX_RANK = 6
+INT64_MAX = 2**63 - 1
+INT64_MIN = -(2**63)
+MAX_ATTEMPTS = 50
+
+Shape = Tuple[int, ...]
+
+
+class Skip(Exception):
+    """The chosen pattern does not fit the operand; try another one."""
+
+
+def prod(shape: Sequence[int]) -> int:
+    return int(math.prod(shape))
+
+
+def broadcast(*shapes: Sequence[int]) -> Optional[Shape]:
+    rank = max(len(s) for s in shapes)
+    out = []
+    for i in range(rank):
+        dims = {s[len(s) - rank + i] for s in shapes if len(s) - rank + i >= 0}
+        dims.discard(1)
+        if len(dims) > 1:
+            return None
+        out.append(dims.pop() if dims else 1)
+    return tuple(out)
+
+
+def inverse_perm(perm: Sequence[int]) -> List[int]:
+    inv = [0] * len(perm)
+    for i, p in enumerate(perm):
+        inv[p] = i
+    return inv
+
+
+class Builder:
+    """Grows one graph; ``pool`` holds the tensors later steps may read."""
+
+    def __init__(self, rng: np.random.Generator):
+        self.rng = rng
+        self.nodes: List[onnx.NodeProto] = []
+        self.inits: List[onnx.TensorProto] = []
+        self.inputs: List[str] = []
+        self.info: Dict[str, Tuple[int, Shape]] = {}
+        self.pool: List[str] = []
+        self.side: List[str] = []  # secondary outputs (Dropout mask) that may become graph outputs
+        self.bounded: set = set()  # tensors whose values lie in [-1, 1] or so (safe for Exp)
+        self.const_nodes = self.p(0.15)  # exporters often write constants as Constant nodes
+        self.count = 0
+
+    # -- randomness -------------------------------------------------------
+    def p(self, prob: float) -> bool:
+        return bool(self.rng.random() < prob)
+
+    def pick_one(self, items: Sequence):
+        return items[int(self.rng.integers(len(items)))]
+
+    def randint(self, lo: int, hi: int) -> int:
+        """Uniform in [lo, hi]."""
+        return int(self.rng.integers(lo, hi + 1))
+
+    # -- tensors ----------------------------------------------------------
+    def fresh(self, prefix: str) -> str:
+        self.count += 1
+        return f"{prefix}{self.count}"
+
+    def elem(self, name: str) -> int:
+        return self.info[name][0]
+
+    def shape(self, name: str) -> Shape:
+        return self.info[name][1]
+
+    def add_input(self, elem: int, shape: Shape) -> str:
+        name = f"in{len(self.inputs)}"
+        self.inputs.append(name)
+        self.info[name] = (elem, tuple(shape))
+        self.pool.append(name)
+        return name
+
+    def const(self, arr, prefix: str = "c") -> str:
+        arr = np.asarray(arr)
+        name = self.fresh(prefix)
+        tensor = numpy_helper.from_array(arr, name)
+        if self.const_nodes:
+            self.nodes.append(helper.make_node("Constant", [], [name], value=tensor))
+        else:
+            self.inits.append(tensor)
+        self.info[name] = (helper.np_dtype_to_tensor_dtype(arr.dtype), tuple(arr.shape))
+        return name
+
+    def ints(self, values, prefix: str = "k") -> str:
+        return self.const(np.asarray(values, dtype=np.int64), prefix)
+
+    def node(self, op: str, ins: Sequence[str], outs: Sequence[Tuple[int, Sequence[int]]], pool=True, **attrs) -> List[str]:
+        for _, s in outs:
+            if s is None:
+                raise Skip(f"{op}: shapes do not broadcast")
+            if len(s) > MAX_RANK or prod(s) > MAX_ELEMS or 0 in s:
+                raise Skip(op)
+        names = [self.fresh("t") for _ in outs]
+        self.nodes.append(helper.make_node(op, list(ins), names, **attrs))
+        for n, (e, s) in zip(names, outs):
+            self.info[n] = (e, tuple(int(d) for d in s))
+            if pool and e in (FLOAT, INT64):
+                self.pool.append(n)
+        return names
+
+    def node1(self, op: str, ins: Sequence[str], elem: int, shape: Sequence[int], **attrs) -> str:
+        return self.node(op, ins, [(elem, shape)], **attrs)[0]
+
+    def pick(self, pred: Callable[[str], bool] = lambda n: True, floats: bool = False) -> str:
+        cands = [n for n in self.pool if pred(n) and (not floats or self.elem(n) == FLOAT)]
+        if not cands:
+            raise Skip("no operand")
+        if self.p(0.6):
+            return self.pick_one(cands[-3:])
+        return self.pick_one(cands)
+
+    def pick_float(self, min_rank: int = 0, max_rank: int = MAX_RANK, rank: Optional[int] = None) -> str:
+        if rank is not None:
+            min_rank = max_rank = rank
+        return self.pick(lambda n: min_rank <= len(self.shape(n)) <= max_rank, floats=True)
+
+    def pick_any(self, min_rank: int = 0) -> str:
+        # floats dominate: most ops need them, and ints stay a side path
+        if self.p(0.85):
+            try:
+                return self.pick(lambda n: len(self.shape(n)) >= min_rank, floats=True)
+            except Skip:
+                pass
+        return self.pick(lambda n: len(self.shape(n)) >= min_rank)
+
+    def values(self, elem: int, shape: Sequence[int], kind: str = "random") -> np.ndarray:
+        shape = tuple(shape)
+        if kind == "zeros":
+            arr = np.zeros(shape)
+        elif kind == "ones":
+            arr = np.ones(shape)
+        elif kind == "nonzero":
+            arr = self.rng.uniform(0.5, 2.0, shape) * self.rng.choice([-1.0, 1.0], shape)
+        elif elem == INT64:
+            arr = self.rng.integers(-3, 4, shape)
+        else:
+            arr = self.rng.standard_normal(shape)
+        dtype = np.int64 if elem == INT64 else np.float32
+        return np.asarray(arr, dtype=dtype)
+
+    def other_shape(self, s: Shape, larger: bool = True) -> Shape:
+        """A shape that broadcasts with ``s``: scalar, a suffix, ``s`` with
+        dims set to 1, or (when ``larger``) one that widens ``s``."""
+        r = self.rng.random()
+        if r < 0.15:
+            return ()
+        if r < 0.25:
+            return (1,)
+        if r < 0.45:
+            return s
+        if r < 0.65:
+            k = self.randint(0, len(s))
+            return tuple(1 if self.p(0.3) else d for d in s[k:])
+        if r < 0.8 or not larger:
+            return tuple(1 if self.p(0.4) else d for d in s)
+        out = [self.randint(2, 3) if d == 1 and self.p(0.6) else d for d in s]
+        out = [self.randint(1, 3) for _ in range(self.randint(0 if out != list(s) else 1, 2))] + out
+        return tuple(out)
+
+
+# -- patterns ---------------------------------------------------------------
+# Each takes the builder and adds one or a few nodes; Skip means "does not fit".
+
+
+def random_perm(b: Builder, r: int) -> List[int]:
+    return [int(i) for i in b.rng.permutation(r)]
+
+
+def ones_only_perm(b: Builder, s: Shape) -> List[int]:
+    """A permutation that moves only size-1 dims (the data order is kept)."""
+    r = len(s)
+    ones = [i for i in range(r) if s[i] == 1]
+    rest = [i for i in range(r) if s[i] != 1]
+    slots = sorted(int(i) for i in b.rng.choice(r, size=len(ones), replace=False))
+    b.rng.shuffle(ones)
+    perm, it_one, it_rest = [], iter(ones), iter(rest)
+    for i in range(r):
+        perm.append(next(it_one) if i in slots else next(it_rest))
+    return perm
+
+
+def transpose(b: Builder, x: str, perm: Optional[List[int]]) -> str:
+    s = b.shape(x)
+    if perm is None:  # no attribute: the dims are reversed
+        return b.node1("Transpose", [x], b.elem(x), s[::-1])
+    return b.node1("Transpose", [x], b.elem(x), [s[p] for p in perm], perm=perm)
+
+
+def choose_perm(b: Builder, s: Shape) -> Optional[List[int]]:
+    r = len(s)
+    u = b.rng.random()
+    if u < 0.25 and 1 in s:
+        return ones_only_perm(b, s)
+    if u < 0.32:
+        return list(range(r))
+    if u < 0.36:
+        return None
+    return random_perm(b, r)
+
+
+def pat_transpose(b: Builder) -> None:
+    x = b.pick_any(min_rank=1)
+    transpose(b, x, choose_perm(b, b.shape(x)))
+
+
+def pat_transpose_pair(b: Builder) -> None:
+    x = b.pick_any(min_rank=2)
+    s = b.shape(x)
+    p1 = choose_perm(b, s) or list(range(len(s)))[::-1]
+    t = transpose(b, x, p1)
+    u = b.rng.random()
+    if u < 0.5:
+        p2 = inverse_perm(p1)
+    elif u < 0.65 and 1 in b.shape(t):
+        p2 = ones_only_perm(b, b.shape(t))
+    else:
+        p2 = random_perm(b, len(s))
+    t2 = transpose(b, t, p2)
+    if b.p(0.25):
+        transpose(b, t2 if b.p(0.7) else t, choose_perm(b, b.shape(t2)))
+    if b.p(0.2):  # the middle tensor gets a second reader
+        b.node1("Relu" if b.elem(t) == FLOAT else "Neg", [t], b.elem(t), b.shape(t))
+
+
+def factor_shape(b: Builder, total: int) -> List[int]:
+    """A random shape of ``total`` elements, rank 1..5."""
+    primes, n, f = [], total, 2
+    while n > 1:
+        while n % f == 0:
+            primes.append(f)
+            n //= f
+        f += 1
+    rank = b.randint(1, 5)
+    dims = [1] * rank
+    for pr in primes:
+        dims[b.randint(0, rank - 1)] *= pr
+    return dims
+
+
+def reshape_target(b: Builder, s: Shape, target: Sequence[int]) -> List[int]:
+    """Writes ``target`` with some dims as 0 (copy) and one as -1."""
+    out = list(target)
+    for i in range(min(len(s), len(out))):
+        if out[i] == s[i] and b.p(0.3):
+            out[i] = 0
+    free = [i for i in range(len(out)) if out[i] != 0]
+    if free and b.p(0.4):
+        out[b.pick_one(free)] = -1
+    return out
+
+
+def reshape(b: Builder, x: str, target: Sequence[int]) -> str:
+    s = b.shape(x)
+    written = reshape_target(b, s, target)
+    attrs = {"allowzero": 0} if b.p(0.2) else {}
+    return b.node1("Reshape", [x, b.ints(written, "shape")], b.elem(x), target, **attrs)
+
+
+def pat_reshape(b: Builder) -> None:
+    x = b.pick_any()
+    s = b.shape(x)
+    u = b.rng.random()
+    if u < 0.25 and s:
+        target = list(s)  # a Reshape that changes nothing
+    elif u < 0.45 and s:
+        target = [d for d in s if d != 1] or [1]
+        if b.p(0.5):
+            target.insert(b.randint(0, len(target)), 1)
+    else:
+        target = factor_shape(b, prod(s))
+    y = reshape(b, x, target)
+    u = b.rng.random()
+    if u < 0.3 and s:
+        reshape(b, y, list(s))  # and back
+    elif u < 0.5:
+        reshape(b, y, factor_shape(b, prod(s)))
+
+
+def pat_squeeze_unsqueeze(b: Builder) -> None:
+    x = b.pick_any()
+    s = b.shape(x)
+    if 1 in s and b.p(0.5):
+        ones = [i for i, d in enumerate(s) if d == 1]
+        if b.p(0.25):
+            out = [d for d in s if d != 1]
+            b.node1("Squeeze", [x], b.elem(x), out)
+            return
+        axes = sorted(int(a) for a in b.rng.choice(ones, size=b.randint(1, len(ones)), replace=False))
+        out = [d for i, d in enumerate(s) if i not in axes]
+        written = [a - len(s) if b.p(0.3) else a for a in axes]
+        b.node1("Squeeze", [x, b.ints(written, "axes")], b.elem(x), out)
+        return
+    k = b.randint(1, 2)
+    r = len(s) + k
+    axes = sorted(int(a) for a in b.rng.choice(r, size=k, replace=False))
+    out = list(s)
+    for a in axes:
+        out.insert(a, 1)
+    written = [a - r if b.p(0.3) else a for a in axes]
+    y = b.node1("Unsqueeze", [x, b.ints(written, "axes")], b.elem(x), out)
+    if b.p(0.4):  # and straight back
+        b.node1("Squeeze", [y, b.ints(axes, "axes")], b.elem(x), s)
+
+
+def pat_flatten(b: Builder) -> None:
+    x = b.pick_any(min_rank=1)
+    s = b.shape(x)
+    axis = b.randint(-len(s), len(s))
+    a = axis + len(s) if axis < 0 else axis
+    b.node1("Flatten", [x], b.elem(x), [prod(s[:a]), prod(s[a:])], axis=axis)
+
+
+def pat_identity(b: Builder) -> None:
+    x = b.pick_any()
+    if b.elem(x) != FLOAT or b.p(0.4):
+        b.node1("Identity", [x], b.elem(x), b.shape(x))
+        return
+    s = b.shape(x)
+    ins = [x]
+    if b.p(0.3):
+        ins.append(b.const(np.float32(b.pick_one([0.0, 0.1, 0.5])), "ratio"))
+        if b.p(0.3):
+            ins.append(b.const(np.bool_(False), "train"))
+    if b.p(0.15):
+        y, mask = b.node("Dropout", ins, [(FLOAT, s), (BOOL, s)])
+        b.side.append(mask)
+    else:
+        b.node1("Dropout", ins, FLOAT, s)
+
+
+def elementwise_const(b: Builder, x: str, op: str, kind: str, const_first: bool, cshape: Shape) -> str:
+    e = b.elem(x)
+    c = b.const(b.values(e, cshape, kind))
+    out = broadcast(b.shape(x), cshape)
+    ins = [c, x] if const_first else [x, c]
+    return b.node1(op, ins, e, out)
+
+
+def pat_neutral(b: Builder) -> None:
+    """x+0, x-0, x*1, x/1, with the constant on either side and shapes that
+    may broadcast x to a larger shape."""
+    x = b.pick_any()
+    e = b.elem(x)
+    ops = ["Add", "Sub", "Mul", "Div"] if e == FLOAT else ["Add", "Sub", "Mul"]
+    op = b.pick_one(ops)
+    kind = "zeros" if op in ("Add", "Sub") else "ones"
+    const_first = b.p(0.5) if op in ("Add", "Mul") else b.p(0.1)
+    if op == "Div" and const_first:
+        raise Skip("1/x")
+    elementwise_const(b, x, op, kind, const_first, b.other_shape(b.shape(x)))
+
+
+def pat_const_binary(b: Builder) -> None:
+    x = b.pick_any()
+    e = b.elem(x)
+    op = b.pick_one(["Add", "Sub", "Mul", "Div"] if e == FLOAT else ["Add", "Sub", "Mul"])
+    kind = "nonzero" if op == "Div" else "random"
+    const_first = b.p(0.4) and op != "Div"
+    y = elementwise_const(b, x, op, kind, const_first, b.other_shape(b.shape(x)))
+    if op == "Mul" and b.p(0.3):  # Mul then Add: a scale-and-shift
+        elementwise_const(b, y, "Add", "random", b.p(0.5), b.other_shape(b.shape(y), larger=False))
+
+
+def pat_binary(b: Builder) -> None:
+    x = b.pick_any()
+    e, s = b.elem(x), b.shape(x)
+    partners = [n for n in b.pool if b.elem(n) == e and broadcast(s, b.shape(n)) is not None]
+    y = x if b.p(0.15) or not partners else b.pick_one(partners)
+    ops = ["Add", "Sub", "Mul", "Max", "Min"] if e == FLOAT else ["Add", "Sub", "Mul"]
+    op = b.pick_one(ops)
+    ins = [x, y] if b.p(0.5) else [y, x]
+    out = broadcast(s, b.shape(y))
+    b.node1(op, ins, e, out)
+
+
+def pat_activation(b: Builder) -> None:
+    x = b.pick_any()
+    e, s = b.elem(x), b.shape(x)
+    if e != FLOAT:
+        b.node1(b.pick_one(["Neg", "Abs"]), [x], e, s)
+        return
+    op = b.pick_one(["Relu", "Relu", "Sigmoid", "Tanh", "LeakyRelu", "Neg", "Abs", "Floor", "Softmax"])
+    attrs = {}
+    if op == "LeakyRelu" and b.p(0.6):
+        attrs["alpha"] = float(b.pick_one([0.01, 0.1, 0.2]))
+    if op == "Softmax":
+        if not s:
+            raise Skip("softmax of a scalar")
+        attrs["axis"] = b.randint(-len(s), len(s) - 1)
+    y = b.node1(op, [x], e, s, **attrs)
+    if op in ("Sigmoid", "Tanh"):
+        b.bounded.add(y)
+    if op == "Relu" and b.p(0.3):
+        b.node1("Relu", [y], e, s)
+
+
+def pat_clip(b: Builder) -> None:
+    x = b.pick_float()
+    s = b.shape(x)
+    lo, hi = b.pick_one([(-65504.0, 65504.0), (0.0, 6.0), (-1.0, 1.0), (None, 6.0), (0.0, None), (None, None), (-65504.0, None), (-0.5, 0.5)])
+    ins = [x, "" if lo is None else b.const(np.float32(lo), "lo")]
+    if hi is not None:
+        ins.append(b.const(np.float32(hi), "hi"))
+    while ins[-1] == "" and len(ins) > 1:
+        ins.pop()
+    y = b.node1("Clip", ins, FLOAT, s)
+    if lo is not None and hi is not None and hi - lo <= 2:
+        b.bounded.add(y)
+
+
+def pat_min_max(b: Builder) -> None:
+    """Min and Max with constants: what a Clip looks like when written out."""
+    x = b.pick_float()
+    s = b.shape(x)
+    first, second = ("Min", "Max") if b.p(0.5) else ("Max", "Min")
+    hi, lo = b.pick_one([(6.0, 0.0), (1.0, -1.0), (0.5, 0.2)])
+    y = b.node1(first, [x, b.const(np.float32(hi if first == "Min" else lo))], FLOAT, s)
+    b.node1(second, [y, b.const(np.float32(lo if first == "Min" else hi))], FLOAT, s)
+
+
+def pat_exp(b: Builder) -> None:
+    x = b.pick_float()
+    if x not in b.bounded:
+        x = b.node1("Tanh", [x], FLOAT, b.shape(x))
+    b.node1("Exp", [x], FLOAT, b.shape(x))
+
+
+def concat_partners(b: Builder, x: str, axis: int) -> List[str]:
+    s = b.shape(x)
+    return [
+        n
+        for n in b.pool
+        if b.elem(n) == b.elem(x) and len(b.shape(n)) == len(s) and all(b.shape(n)[i] == s[i] for i in range(len(s)) if i != axis)
+    ]
+
+
+def pat_concat(b: Builder) -> None:
+    x = b.pick_any(min_rank=1)
+    s = b.shape(x)
+    axis = b.randint(0, len(s) - 1)
+    ins = [x]
+    if b.p(0.8):
+        for _ in range(b.randint(1, 2)):
+            u = b.rng.random()
+            if u < 0.25:
+                ins.append(x)  # the same tensor twice
+            elif u < 0.5:
+                cs = list(s)
+                cs[axis] = b.randint(1, 3)
+                ins.append(b.const(b.values(b.elem(x), cs)))
+            else:
+                ins.append(b.pick_one(concat_partners(b, x, axis)))
+        b.rng.shuffle(ins)
+    out = list(s)
+    out[axis] = sum(b.shape(n)[axis] for n in ins)
+    written = axis - len(s) if b.p(0.3) else axis
+    y = b.node1("Concat", ins, b.elem(x), out, axis=written)
+    if b.p(0.2):  # Concat of a Concat
+        b.node1("Concat", [y, x], b.elem(x), _concat_shape(b, [y, x], axis), axis=axis)
+
+
+def _concat_shape(b: Builder, ins: Sequence[str], axis: int) -> List[int]:
+    out = list(b.shape(ins[0]))
+    out[axis] = sum(b.shape(n)[axis] for n in ins)
+    return out
+
+
+def random_parts(b: Builder, d: int, k: int) -> List[int]:
+    cuts = sorted(int(c) for c in b.rng.choice(range(1, d), size=k - 1, replace=False)) if k > 1 else []
+    bounds = [0] + cuts + [d]
+    return [bounds[i + 1] - bounds[i] for i in range(k)]
+
+
+def split(b: Builder, x: str, axis: int) -> List[str]:
+    s = b.shape(x)
+    d = s[axis]
+    u = b.rng.random()
+    written = axis - len(s) if b.p(0.3) else axis
+    if u < 0.2 or d == 1:  # one output
+        ins = [x, b.ints([d], "split")] if b.p(0.5) else [x]
+        return b.node("Split", ins, [(b.elem(x), s)], axis=written)
+    if u < 0.5:
+        divisors = [k for k in range(2, min(d, 4) + 1) if d % k == 0]
+        if divisors:
+            k = b.pick_one(divisors)
+            part = list(s)
+            part[axis] = d // k
+            return b.node("Split", [x], [(b.elem(x), part)] * k, axis=written)
+    k = b.randint(2, min(d, 4))
+    sizes = random_parts(b, d, k)
+    outs = []
+    for sz in sizes:
+        part = list(s)
+        part[axis] = sz
+        outs.append((b.elem(x), part))
+    return b.node("Split", [x, b.ints(sizes, "split")], outs, axis=written)
+
+
+def pat_split(b: Builder) -> None:
+    x = b.pick_any(min_rank=1)
+    s = b.shape(x)
+    axis = b.randint(0, len(s) - 1)
+    parts = split(b, x, axis)
+    if len(parts) > 1 and b.p(0.3):  # back together: Split then Concat
+        order = list(parts)
+        if b.p(0.3):
+            b.rng.shuffle(order)
+        b.node1("Concat", order, b.elem(x), s if order == parts else _concat_shape(b, order, axis), axis=axis)
+
+
+def slice_len(d: int, start: int, end: int, step: int) -> int:
+    return len(range(d)[slice(start, end, step)])
+
+
+def slice_axis(b: Builder, d: int) -> Tuple[int, int, int]:
+    u = b.rng.random()
+    if u < 0.3:  # the whole axis
+        return 0, b.pick_one([INT64_MAX, d, d + 3, -1 if d == 1 else d]), 1
+    if u < 0.45:  # reversed
+        return b.pick_one([-1, d - 1, INT64_MAX]), b.pick_one([INT64_MIN, -d - 1]), -1
+    if u < 0.6:
+        step = b.pick_one([2, 3, -2])
+        if step > 0:
+            return b.randint(0, d - 1), INT64_MAX, step
+        return d - 1, INT64_MIN, step
+    start = b.randint(0, d - 1)
+    end = b.randint(start + 1, d)
+    if b.p(0.3):
+        start -= d
+    if b.p(0.2) and end < d:
+        end -= d
+    return start, end, 1
+
+
+def pat_slice(b: Builder) -> None:
+    x = b.pick_any(min_rank=1)
+    s = b.shape(x)
+    r = len(s)
+    k = b.randint(1, min(r, 2))
+    axes = [int(a) for a in b.rng.choice(r, size=k, replace=False)]
+    starts, ends, steps = [], [], []
+    out = list(s)
+    for a in axes:
+        st, en, sp = slice_axis(b, s[a])
+        n = slice_len(s[a], st, en, sp)
+        if n == 0:
+            raise Skip("empty slice")
+        out[a] = n
+        starts.append(st)
+        ends.append(en)
+        steps.append(sp)
+    ins = [x, b.ints(starts, "starts"), b.ints(ends, "ends")]
+    plain_axes = axes == list(range(k))
+    with_steps = any(sp != 1 for sp in steps) or b.p(0.4)
+    if not plain_axes or b.p(0.6):
+        ins.append(b.ints([a - r if b.p(0.3) else a for a in axes], "axes"))
+    elif with_steps:
+        ins.append("")  # axes left out: the first len(starts) axes
+    if with_steps:
+        ins.append(b.ints(steps, "steps"))
+    y = b.node1("Slice", ins, b.elem(x), out)
+    if b.p(0.15):  # Slice of a Slice
+        a = b.randint(0, r - 1)
+        st, en, sp = slice_axis(b, out[a])
+        n = slice_len(out[a], st, en, sp)
+        if n:
+            out2 = list(out)
+            out2[a] = n
+            b.node1("Slice", [y, b.ints([st], "starts"), b.ints([en], "ends"), b.ints([a], "axes"), b.ints([sp], "steps")], b.elem(x), out2)
+
+
+def pat_reduce(b: Builder) -> None:
+    x = b.pick_any(min_rank=1)
+    e, s = b.elem(x), b.shape(x)
+    r = len(s)
+    op = b.pick_one(["ReduceSum", "ReduceMax"] if e != FLOAT else ["ReduceMean", "ReduceSum", "ReduceMax"])
+    keep = b.pick_one([0, 1, None])
+    attrs = {} if keep is None else {"keepdims": keep}
+    keepdims = keep != 0
+    if b.p(0.15):
+        axes = None
+    else:
+        ones = [i for i, d in enumerate(s) if d == 1]
+        pool_axes = ones if ones and b.p(0.35) else list(range(r))  # over size-1 dims it changes nothing
+        k = b.randint(1, len(pool_axes))
+        axes = sorted(int(a) for a in b.rng.choice(pool_axes, size=k, replace=False))
+    if op == "ReduceSum" and axes is None and b.p(0.3):
+        # no axes with noop_with_empty_axes: the tensor passes through
+        b.node1(op, [x], e, s, noop_with_empty_axes=1, **attrs)
+        return
+    red = list(range(r)) if axes is None else axes
+    out = [1 if i in red else d for i, d in enumerate(s)] if keepdims else [d for i, d in enumerate(s) if i not in red]
+    ins = [x]
+    if axes is not None:
+        written = [a - r if b.p(0.3) else a for a in axes]
+        if op == "ReduceSum":
+            ins.append(b.ints(written, "axes"))
+        else:
+            attrs["axes"] = written
+    b.node1(op, ins, e, out, **attrs)
+
+
+def gather_indices(b: Builder, n: int) -> np.ndarray:
+    u = b.rng.random()
+    if u < 0.3:
+        return np.arange(n, dtype=np.int64)  # the whole axis in order
+    if u < 0.5:
+        return np.int64(b.randint(-n, n - 1))  # one index: the axis goes away
+    if u < 0.6:
+        return np.arange(n - 1, -1, -1, dtype=np.int64)
+    if u < 0.7:
+        return np.array([b.randint(-n, n - 1)], dtype=np.int64)
+    shape = (b.randint(1, 4),) if b.p(0.7) else (b.randint(1, 3), b.randint(1, 3))
+    return b.rng.integers(-n, n, shape).astype(np.int64)
+
+
+def pat_gather(b: Builder) -> None:
+    x = b.pick_any(min_rank=1)
+    s = b.shape(x)
+    axis = b.randint(0, len(s) - 1)
+    ind = gather_indices(b, s[axis])
+    out = list(s[:axis]) + list(ind.shape) + list(s[axis + 1 :])
+    written = axis - len(s) if b.p(0.3) else axis
+    y = b.node1("Gather", [x, b.ints(ind, "idx")], b.elem(x), out, axis=written)
+    if b.p(0.2) and len(out) >= 1:  # Gather of a Gather
+        a2 = b.randint(0, len(out) - 1)
+        ind2 = gather_indices(b, out[a2])
+        out2 = list(out[:a2]) + list(ind2.shape) + list(out[a2 + 1 :])
+        b.node1("Gather", [y, b.ints(ind2, "idx")], b.elem(x), out2, axis=a2)
+
+
+def pat_cast(b: Builder) -> None:
+    x = b.pick_any()
+    e, s = b.elem(x), b.shape(x)
+    u = b.rng.random()
+    if u < 0.4:
+        b.node1("Cast", [x], e, s, to=e)  # to the type it already has
+    elif u < 0.6 and e == FLOAT:
+        mid = b.pick_one([DOUBLE, FLOAT16])
+        y = b.node("Cast", [x], [(mid, s)], to=mid)[0]
+        b.node1("Cast", [y], FLOAT, s, to=FLOAT)
+    elif u < 0.75:
+        to = INT64 if e == FLOAT else FLOAT
+        b.node1("Cast", [x], to, s, to=to)
+    else:  # Cast then Equal, read back as float
+        xi = x if e == INT64 else b.node1("Cast", [x], INT64, s, to=INT64)
+        eq = b.node("Equal", [xi, b.ints(np.int64(b.randint(-1, 1)), "v")], [(BOOL, s)])[0]
+        b.node1("Cast", [eq], FLOAT, s, to=FLOAT)
+
+
+def pat_pad(b: Builder) -> None:
+    x = b.pick_any(min_rank=1)
+    e, s = b.elem(x), b.shape(x)
+    r = len(s)
+    u = b.rng.random()
+    mode = "constant"
+    if u < 0.35:
+        pads = [0] * (2 * r)
+    else:
+        pads = [b.randint(0, 2) if b.p(0.5) else 0 for _ in range(2 * r)]
+        if b.p(0.15):  # a negative pad crops
+            i = b.randint(0, r - 1)
+            if s[i] > 1:
+                pads[i] = -1
+        if b.p(0.2) and all(p >= 0 for p in pads):
+            mode = b.pick_one(["reflect", "edge"])
+            if mode == "reflect":
+                pads = [min(p, s[i % r] - 1) for i, p in enumerate(pads)]
+    out = [s[i] + pads[i] + pads[i + r] for i in range(r)]
+    ins = [x, b.ints(pads, "pads")]
+    if mode == "constant" and b.p(0.4):
+        ins.append(b.const(b.values(e, (), "zeros" if b.p(0.5) else "random"), "pv"))
+    attrs = {"mode": mode} if mode != "constant" or b.p(0.3) else {}
+    b.node1("Pad", ins, e, out, **attrs)
+
+
+def pat_expand(b: Builder) -> None:
+    x = b.pick_any()
+    s = b.shape(x)
+    u = b.rng.random()
+    if u < 0.3:
+        target = [1] * (len(s) if b.p(0.7) else max(len(s) - 1, 0))  # all ones: nothing to expand
+        if not target:
+            target = [1]
+    elif u < 0.45:
+        target = list(s)
+    else:
+        target = list(b.other_shape(s))
+    out = broadcast(s, target)
+    b.node1("Expand", [x, b.ints(target, "shape")], b.elem(x), out)
+
+
+def pat_tile(b: Builder) -> None:
+    x = b.pick_any(min_rank=1)
+    s = b.shape(x)
+    reps = [1] * len(s) if b.p(0.3) else [b.randint(1, 2) for _ in s]
+    b.node1("Tile", [x, b.ints(reps, "reps")], b.elem(x), [d * k for d, k in zip(s, reps)])
+
+
+def pat_where(b: Builder) -> None:
+    x = b.pick_any()
+    e, s = b.elem(x), b.shape(x)
+    cshape = b.other_shape(s)
+    kind = b.pick_one(["true", "false", "mixed"])
+    if kind == "true":
+        cond = np.ones(cshape, dtype=bool)
+    elif kind == "false":
+        cond = np.zeros(cshape, dtype=bool)
+    else:
+        cond = b.rng.random(cshape) < 0.5
+    c = b.const(cond, "cond")
+    u = b.rng.random()
+    if u < 0.4:
+        other = b.const(b.values(e, b.other_shape(s)))
+    elif u < 0.55:
+        other = x
+    else:
+        cands = [n for n in b.pool if b.elem(n) == e and broadcast(s, b.shape(n), cshape)]
+        other = b.pick_one(cands)
+    ins = [x, other] if b.p(0.5) else [other, x]
+    out = broadcast(s, b.shape(other), cshape)
+    b.node1("Where", [c] + ins, e, out)
+
+
+def full_grid(shape: Sequence[int]) -> np.ndarray:
+    """Every index tuple of ``shape``, in order, as [..., len(shape)]."""
+    grid = np.stack(np.meshgrid(*[np.arange(d) for d in shape], indexing="ij"), axis=-1)
+    return grid.reshape(tuple(shape) + (len(shape),)).astype(np.int64)
+
+
+def pat_scatternd(b: Builder) -> None:
+    x = b.pick_any(min_rank=1)
+    e, s = b.elem(x), b.shape(x)
+    r = len(s)
+    k = b.randint(1, min(r, 3))
+    lead = s[:k]
+    grid = full_grid(lead)
+    u = b.rng.random()
+    if u < 0.45:
+        ind = grid  # every position, laid out like the data
+    elif u < 0.65:
+        flat = grid.reshape(-1, k)
+        ind = flat[b.rng.permutation(len(flat))]
+    else:
+        flat = grid.reshape(-1, k)
+        m = b.randint(1, len(flat))
+        ind = flat[np.sort(b.rng.choice(len(flat), size=m, replace=False))]
+    upd_shape = tuple(ind.shape[:-1]) + tuple(s[k:])
+    reduction = b.pick_one(["none", "none", "add", "mul"])
+    partners = [n for n in b.pool if b.elem(n) == e and b.shape(n) == upd_shape]
+    if partners and b.p(0.5):
+        upd = b.pick_one(partners)
+    else:
+        kind = {"add": "zeros", "mul": "ones"}.get(reduction, "random") if b.p(0.5) else "random"
+        upd = b.const(b.values(e, upd_shape, kind))
+    attrs = {"reduction": reduction} if reduction != "none" or b.p(0.3) else {}
+    y = b.node1("ScatterND", [x, b.ints(ind, "idx"), upd], e, s, **attrs)
+    if b.p(0.25):  # a second ScatterND on the result
+        m = b.randint(1, len(grid.reshape(-1, k)))
+        ind2 = grid.reshape(-1, k)[:m]
+        upd2 = b.const(b.values(e, (m,) + tuple(s[k:])))
+        b.node1("ScatterND", [y, b.ints(ind2, "idx"), upd2], e, s)
+
+
+def pat_gathernd(b: Builder) -> None:
+    x = b.pick_any(min_rank=1)
+    e, s = b.elem(x), b.shape(x)
+    r = len(s)
+    if r >= 2 and b.p(0.2):
+        k = b.randint(1, r - 1)
+        m = b.randint(1, 3)
+        ind = np.stack([b.rng.integers(0, s[1 + j], (s[0], m)) for j in range(k)], axis=-1).astype(np.int64)
+        out = [s[0], m] + list(s[1 + k :])
+        b.node1("GatherND", [x, b.ints(ind, "idx")], e, out, batch_dims=1)
+        return
+    k = b.randint(1, r)
+    if b.p(0.4):
+        ind = full_grid(s[:k])
+    else:
+        m = b.randint(1, 4)
+        ind = np.stack([b.rng.integers(0, s[j], m) for j in range(k)], axis=-1).astype(np.int64)
+    out = list(ind.shape[:-1]) + list(s[k:])
+    b.node1("GatherND", [x, b.ints(ind, "idx")], e, out)
+
+
+def pat_batchnorm(b: Builder) -> None:
+    x = b.pick_float(min_rank=2, max_rank=4)
+    s = b.shape(x)
+    c = s[1]
+    if b.p(0.6):
+        params = [np.ones(c), np.zeros(c), np.zeros(c), np.ones(c)]
+        # An epsilon below float32 resolution at 1 makes these parameters an
+        # exact identity. With the usual 1e-5 the node scales by 1 - 5e-6,
+        # which is within tolerance on its own but shows through Sub(x, bn(x)).
+        attrs = {"epsilon": 1e-10}
+    else:
+        params = [b.rng.standard_normal(c), b.rng.standard_normal(c), b.rng.standard_normal(c), b.rng.uniform(0.5, 2, c)]
+        attrs = {"epsilon": 1e-5} if b.p(0.3) else {}
+    names = [b.const(p.astype(np.float32), "bn") for p in params]
+    b.node1("BatchNormalization", [x] + names, FLOAT, s, **attrs)
+
+
+def pat_pool(b: Builder) -> None:
+    x = b.pick_float(min_rank=3, max_rank=4)
+    s = b.shape(x)
+    sp = len(s) - 2
+    op = b.pick_one(["MaxPool", "AveragePool"])
+    attrs: Dict[str, object] = {}
+    if b.p(0.75) or any(d < 2 for d in s[2:]):
+        attrs["kernel_shape"] = [1] * sp
+        out = list(s)
+        if b.p(0.5):
+            attrs["strides"] = [1] * sp
+        if b.p(0.3):
+            attrs["pads"] = [0] * (2 * sp)
+        if op == "MaxPool" and b.p(0.5):
+            attrs["dilations"] = [1] * sp
+    else:
+        k, st = b.pick_one([(2, 2), (2, 1), (3, 1)])
+        if any(d < k for d in s[2:]):
+            raise Skip("kernel too large")
+        attrs["kernel_shape"] = [k] * sp
+        attrs["strides"] = [st] * sp
+        out = list(s[:2]) + [(d - k) // st + 1 for d in s[2:]]
+    b.node1(op, [x], FLOAT, out, **attrs)
+    if b.p(0.15):  # the same pool twice on one tensor
+        b.node1(op, [x], FLOAT, out, **attrs)
+
+
+def pat_conv(b: Builder) -> None:
+    x = b.pick_float(min_rank=3, max_rank=4)
+    s = b.shape(x)
+    sp = len(s) - 2
+    c = s[1]
+    m = c if b.p(0.4) else b.randint(1, 6)
+    k = 1 if b.p(0.6) else 3
+    pad = 1 if k == 3 and (b.p(0.6) or any(d < 3 for d in s[2:])) else 0  # small maps need the padding
+    if k == 1 and m == c and b.p(0.4):
+        w = np.eye(c).reshape((c, c) + (1,) * sp)
+    else:
+        w = b.rng.standard_normal((m, c) + (k,) * sp) / math.sqrt(c * k**sp)
+    ins = [x, b.const(w.astype(np.float32), "w")]
+    if b.p(0.5):
+        ins.append(b.const(b.rng.standard_normal(m).astype(np.float32), "bias"))
+    attrs: Dict[str, object] = {"kernel_shape": [k] * sp} if b.p(0.7) else {}
+    if pad:
+        attrs["pads"] = [1] * (2 * sp)
+    out = [s[0], m] + [d + 2 * pad - k + 1 for d in s[2:]]
+    b.node1("Conv", ins, FLOAT, out, **attrs)
+    if b.p(0.2) and k == 1:  # a second reader of the same 1x1 Conv input, identical
+        b.node1("Conv", ins, FLOAT, out, **attrs)
+
+
+def pat_resize(b: Builder) -> None:
+    x = b.pick_float(rank=4)
+    s = b.shape(x)
+    u = b.rng.random()
+    if u < 0.5:
+        scales = [1.0] * 4
+        ins = [x, "", b.const(np.array(scales, dtype=np.float32), "scales")]
+        out = list(s)
+    elif u < 0.75:
+        ins = [x, "", "", b.ints(list(s), "sizes")]
+        out = list(s)
+    else:
+        ins = [x, "", b.const(np.array([1, 1, 2, 2], dtype=np.float32), "scales")]
+        out = list(s[:2]) + [2 * s[2], 2 * s[3]]
+    b.node1("Resize", ins, FLOAT, out, mode="nearest")
+
+
+def pat_fanout(b: Builder) -> None:
+    """One tensor read by several simple nodes, some of them identical."""
+    x = b.pick_any()
+    e, s = b.elem(x), b.shape(x)
+    for _ in range(b.randint(2, 5)):
+        u = b.rng.random()
+        if u < 0.2 and e == FLOAT:
+            b.node1("Relu", [x], e, s)
+        elif u < 0.35:
+            b.node1("Identity", [x], e, s)
+        elif u < 0.5 and len(s) >= 2:
+            transpose(b, x, random_perm(b, len(s)))
+        elif u < 0.65:
+            reshape(b, x, factor_shape(b, prod(s)))
+        elif u < 0.8:
+            elementwise_const(b, x, "Mul" if b.p(0.5) else "Add", "ones" if b.p(0.5) else "random", b.p(0.5), b.other_shape(s, larger=False))
+        elif e == FLOAT:
+            b.node1("Sub", [x, x], e, s)
+        else:
+            b.node1("Neg", [x], e, s)
+
+
+def to_4d(b: Builder) -> str:
+    """A float tensor of rank 4, reshaping one into [1, C, H, W] if needed."""
+    try:
+        return b.pick_float(rank=4)
+    except Skip:
+        x = b.pick_float()
+        dims = factor_shape(b, prod(b.shape(x)))
+        if len(dims) > 3:
+            raise Skip("not 4-D")
+        dims += [1] * (3 - len(dims))
+        return reshape(b, x, [1] + dims)
+
+
+def pat_nhwc_region(b: Builder) -> None:
+    """Transpose(0,2,3,1), layout-free work in channels-last, Transpose(0,3,1,2):
+    the region the transpose-mesh rule works on, with forks, several readers,
+    and exits that are graph outputs or feed ordinary nodes."""
+    x = to_4d(b)
+    region = [transpose(b, x, [0, 2, 3, 1])]
+    if b.p(0.25):  # a second entry of the same shape
+        cands = [n for n in b.pool if b.elem(n) == FLOAT and b.shape(n) == b.shape(x) and n != x]
+        if cands:
+            t2 = transpose(b, b.pick_one(cands), [0, 2, 3, 1])
+            region.append(b.node1(b.pick_one(["Add", "Mul", "Sub"]), [region[0], t2], FLOAT, b.shape(t2)))
+
+    def pick_r() -> str:
+        return b.pick_one(region[-2:]) if b.p(0.6) else b.pick_one(region)
+
+    def keep(n: str, share: bool = True) -> None:
+        region.append(n)
+        if not share and n in b.pool:
+            b.pool.remove(n)
+
+    for _ in range(b.randint(1, 6)):
+        t = pick_r()
+        s = b.shape(t)
+        u = b.rng.random()
+        try:
+            if u < 0.25:
+                n_, h, w, c = s
+                cs = b.pick_one([(c,), (1, 1, 1, c), (), (1, h, w, c), (1, 1, w, 1), (1,)])
+                op = b.pick_one(["Add", "Mul", "Sub"])
+                kind = b.pick_one(["random", "zeros" if op != "Mul" else "ones"])
+                keep(elementwise_const(b, t, op, kind, b.p(0.4), cs), b.p(0.5))
+            elif u < 0.4:
+                keep(b.node1(b.pick_one(["Relu", "Sigmoid", "Tanh", "LeakyRelu"]), [t], FLOAT, s), b.p(0.5))
+            elif u < 0.5:
+                partners = [n for n in region if b.shape(n) == s]
+                keep(b.node1(b.pick_one(["Add", "Mul"]), [t, b.pick_one(partners)], FLOAT, s), b.p(0.5))
+            elif u < 0.6:
+                axis = b.pick_one([3, 3, 1, 2])
+                partners = [n for n in region if len(b.shape(n)) == 4 and all(b.shape(n)[i] == s[i] for i in range(4) if i != axis)]
+                ins = [t, b.pick_one(partners)]
+                keep(b.node1("Concat", ins, FLOAT, _concat_shape(b, ins, axis), axis=axis if b.p(0.7) else axis - 4), b.p(0.3))
+            elif u < 0.68:
+                axis = b.pick_one([3, 1, 2])
+                if s[axis] < 2:
+                    continue
+                for o in split(b, t, axis):
+                    keep(o, b.p(0.3))
+            elif u < 0.76:
+                axis = b.pick_one([1, 2, 3])
+                st, en, sp = slice_axis(b, s[axis])
+                n = slice_len(s[axis], st, en, sp)
+                if n:
+                    out = list(s)
+                    out[axis] = n
+                    ins = [t, b.ints([st], "starts"), b.ints([en], "ends"), b.ints([axis], "axes")]
+                    if sp != 1:
+                        ins.append(b.ints([sp], "steps"))
+                    keep(b.node1("Slice", ins, FLOAT, out), b.p(0.3))
+            elif u < 0.83:
+                axis = b.pick_one([1, 2, 3])
+                out = list(s)
+                out[axis] = 1
+                keep(b.node1("ReduceMax", [t], FLOAT, out, axes=[axis], keepdims=1), b.p(0.3))
+            elif u < 0.9:
+                axis = b.pick_one([1, 2, 3])
+                ind = np.arange(s[axis], dtype=np.int64) if b.p(0.5) else b.rng.integers(0, s[axis], b.randint(1, 4)).astype(np.int64)
+                out = list(s)
+                out[axis] = len(ind)
+                keep(b.node1("Gather", [t, b.ints(ind, "idx")], FLOAT, out, axis=axis), b.p(0.3))
+            else:
+                target = [1, 1, 1, 1] if b.p(0.5) else list(s)
+                keep(b.node1("Expand", [t, b.ints(target, "shape")], FLOAT, s), b.p(0.3))
+        except Skip:
+            continue
+    exits = [region[-1]] + [n for n in region[:-1] if b.p(0.3)]
+    for t in exits:
+        perm = [0, 3, 1, 2] if b.p(0.9) else random_perm(b, 4)
+        y = transpose(b, t, perm)
+        if b.p(0.2) and perm == [0, 3, 1, 2]:
+            pat_conv_on(b, y)
+
+
+def pat_conv_on(b: Builder, x: str) -> None:
+    s = b.shape(x)
+    c = s[1]
+    w = (b.rng.standard_normal((c, c, 1, 1)) / math.sqrt(c)).astype(np.float32)
+    b.node1("Conv", [x, b.const(w, "w")], FLOAT, s)
+
+
+PATTERNS: List[Tuple[Callable[[Builder], None], float]] = [
+    (pat_transpose, 8),
+    (pat_transpose_pair, 8),
+    (pat_reshape, 8),
+    (pat_squeeze_unsqueeze, 5),
+    (pat_flatten, 2),
+    (pat_identity, 4),
+    (pat_neutral, 12),
+    (pat_const_binary, 5),
+    (pat_binary, 5),
+    (pat_activation, 7),
+    (pat_clip, 3),
+    (pat_min_max, 1.5),
+    (pat_exp, 1.5),
+    (pat_concat, 4),
+    (pat_split, 4),
+    (pat_slice, 6),
+    (pat_reduce, 4),
+    (pat_gather, 5),
+    (pat_cast, 3),
+    (pat_pad, 4),
+    (pat_expand, 4),
+    (pat_tile, 1),
+    (pat_where, 3),
+    (pat_scatternd, 3),
+    (pat_gathernd, 2),
+    (pat_batchnorm, 2),
+    (pat_pool, 3),
+    (pat_conv, 3),
+    (pat_resize, 2),
+    (pat_fanout, 4),
+    (pat_nhwc_region, 8),
+]
+_WEIGHTS = np.array([w for _, w in PATTERNS], dtype=float)
+_WEIGHTS /= _WEIGHTS.sum()
+
+
+def random_input_shape(b: Builder) -> Shape:
+    rank = b.pick_one([1, 2, 2, 3, 3, 4, 4, 4, 4])
+    while True:
+        shape = tuple(1 if b.p(0.2) else b.randint(2, 6) for _ in range(rank))
+        if prod(shape) <= 360:
+            return shape
+
+
+def build(rng: np.random.Generator) -> onnx.ModelProto:
+    """One random model (not yet checked)."""
+    b = Builder(rng)
+    first = random_input_shape(b)
+    b.add_input(FLOAT, first)
+    for _ in range(b.randint(0, 2)):
+        shape = first if b.p(0.3) else random_input_shape(b)
+        b.add_input(INT64 if b.p(0.12) else FLOAT, shape)
+    target = b.randint(5, 40)
+    tries = 0
+    while len(b.nodes) < target and tries < 300:
+        tries += 1
+        fn = PATTERNS[int(rng.choice(len(PATTERNS), p=_WEIGHTS))][0]
+        try:
+            fn(b)
+        except Skip:
+            pass
+    return finish(b)
+
+
+def finish(b: Builder) -> onnx.ModelProto:
+    readers: Counter = Counter()
+    for n in b.nodes:
+        readers.update(i for i in n.input if i)
+    produced = [o for n in b.nodes if n.op_type != "Constant" for o in n.output if o in b.pool or o in b.side]
+    outputs: List[str] = []
+    for o in produced:
+        if readers[o] == 0:
+            if b.p(0.3 if o in b.side else 0.85):  # the rest are dead ends
+                outputs.append(o)
+        elif b.p(0.08):  # a graph output that other nodes read too
+            outputs.append(o)
+    if b.p(0.03):
+        outputs.append(b.pick_one(b.inputs))  # an input passed straight through
+    if not outputs:
+        outputs.append(produced[-1] if produced else b.inputs[0])
+    if b.p(0.4):
+        outputs = [outputs[int(i)] for i in b.rng.permutation(len(outputs))]
+
+    anonymous = b.p(0.3)  # exporters often leave node names empty
+    for i, n in enumerate(b.nodes):
+        n.name = "" if anonymous else f"n{i}"
+
+    def vi(name: str) -> onnx.ValueInfoProto:
+        e, s = b.info[name]
+        return helper.make_tensor_value_info(name, e, list(s))
+
+    graph = helper.make_graph(b.nodes, "fuzz", [vi(n) for n in b.inputs], [vi(n) for n in outputs], initializer=b.inits)
+    model = helper.make_model(graph, opset_imports=[helper.make_opsetid("", OPSET)], producer_name="tolm-fuzz")
+    model.ir_version = IR_VERSION
+    return model
+
+
+@dataclass
+class Case:
+    seed: int
+    model: onnx.ModelProto
+    feeds: Dict[str, np.ndarray]
+    ref: Dict[str, np.ndarray]
+    discards: int = 0
+    discard_reasons: List[str] = field(default_factory=list)
+
+
+def generate(seed: int) -> Case:
+    """The first valid model drawn for ``seed``, with its inputs and outputs."""
+    from check import validate
+
+    reasons: List[str] = []
+    for attempt in range(MAX_ATTEMPTS):
+        rng = np.random.default_rng([seed, attempt])
+        try:
+            model = build(rng)
+        except Exception as exc:  # noqa: BLE001 - a generator bug must not stop the run
+            reasons.append(f"generator {type(exc).__name__}: {exc}")
+            continue
+        ok, model, feeds, ref, why = validate(model, seed)
+        if ok:
+            return Case(seed, model, feeds, ref, attempt, reasons)
+        reasons.append(why)
+    raise RuntimeError(f"seed {seed}: no valid model in {MAX_ATTEMPTS} attempts; last: {reasons[-1]}")
+
+
+def make_case(seed: int) -> onnx.ModelProto:
+    return generate(seed).model
