@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
+#include <deque>
 #include <fstream>
 #include <queue>
 #include <sstream>
@@ -520,8 +521,7 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
   // ---- producers, implicit inputs, order check
   const int n_nodes = g.node_size();
 
-  std::unordered_map<std::string_view, int> producer_of;
-  producer_of.reserve(static_cast<size_t>(n_nodes) * 2 + 1);
+  FlatNameMap<int> producer_of(static_cast<size_t>(n_nodes) * 2);
   for (int i = 0; i < n_nodes; ++i) {
     for (const auto& o : g.node(i).output()) {
       if (o.empty()) continue;
@@ -529,9 +529,9 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
         throw LoadError("tensor " + o + " has two producers: initializer, " + node_label(g, i));
       if (input_vi.count(o))
         throw LoadError("tensor " + o + " has two producers: graph input, " + node_label(g, i));
-      auto [it, fresh] = producer_of.emplace(o, i);
+      auto [held, fresh] = producer_of.emplace(o, i);
       if (!fresh)
-        throw LoadError("tensor " + o + " has two producers: " + node_label(g, it->second) + ", " +
+        throw LoadError("tensor " + o + " has two producers: " + node_label(g, *held) + ", " +
                         node_label(g, i));
     }
   }
@@ -548,8 +548,8 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
   bool sorted = true;
   auto producer_index = [&](const std::string& t) {
     if (t.empty()) return -1;
-    auto it = producer_of.find(t);
-    return it == producer_of.end() ? -1 : it->second;
+    const int* p = producer_of.find(t);
+    return p ? *p : -1;
   };
   for (int i = 0; i < n_nodes && sorted; ++i) {
     for (const auto& t : g.node(i).input())
@@ -581,18 +581,19 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
   // Exporters often leave node names empty, yet rules keep some records by
   // node name: an unnamed node is named after its op type and a counter,
   // clear of every name the model already gives.
-  std::unordered_set<std::string> given_names;
+  FlatNameMap<bool> given_names(static_cast<size_t>(n_nodes));
   for (int i = 0; i < n_nodes; ++i)
-    if (!g.node(i).name().empty()) given_names.insert(g.node(i).name());
+    if (!g.node(i).name().empty()) given_names.emplace(g.node(i).name(), true);
   std::unordered_map<std::string, int64_t> unnamed_next;
+  std::deque<std::string> made_names;  // the views of given_names point here
   auto name_for = [&](const onnx::NodeProto& np) {
     if (!np.name().empty()) return np.name();
     int64_t& k = unnamed_next[np.op_type()];
     std::string cand;
     do {
       cand = np.op_type() + "_" + std::to_string(k++);
-    } while (given_names.count(cand) != 0);
-    given_names.insert(cand);
+    } while (given_names.contains(cand));
+    given_names.emplace(made_names.emplace_back(cand), true);
     return cand;
   };
   for (int i = 0; i < n_nodes; ++i) {
@@ -610,12 +611,15 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
     for (const auto& ap : np.attribute()) attrs.push_back(attr_from_proto(ap));
     NodePtr node = Node::make(np.op_type(), std::vector<std::string>(np.input().begin(), np.input().end()),
                               std::vector<std::string>(np.output().begin(), np.output().end()), name_for(np),
-                              attrs, np.domain());
+                              std::move(attrs), np.domain());
     if (!np.doc_string().empty()) node->doc_string = np.doc_string();
     auto im = implicit.find(i);
     if (im != implicit.end()) node->implicit_inputs = std::move(im->second);
     ir.add_node(node, i);
   }
+
+  // A file whose nodes come in a valid order is taken at its word: no sort.
+  if (sorted) ir.trust_insertion_order();
 
   // ---- the shell: everything but the graph body
   g.clear_node();

@@ -21,7 +21,8 @@ std::string list_text(const std::vector<int64_t>& v) {
 }
 
 bool defined(const IR& ir, const std::string& t) {
-  return ir.is_input(t) || ir.is_const(t) || ir.producer(t) != nullptr;
+  const TensorInfo* ti = ir.tensor(t);
+  return ti && (ti->graph_input || ti->constant || !ti->producers.empty());
 }
 
 void check_reads(const IR& ir, const Node& n) {
@@ -124,13 +125,15 @@ void validate_declared_shapes(const onnx::GraphProto& g) {
 }
 
 void validate_graph(const IR& ir) {
-  for (const auto& np : ir.node()) {
+  // In the order the model lists its nodes (no sort needed), so the first
+  // fault of the file is the one reported.
+  ir.for_each_node([&](const NodePtr& np) {
     const Node& n = *np;
     check_reads(ir, n);
-    if (!n.domain.empty() && n.domain != "ai.onnx") continue;
+    if (!n.domain.empty() && n.domain != "ai.onnx") return;
     if (n.op_type() == "Transpose") check_transpose(ir, n);
     else if (n.op_type() == "Reshape") check_reshape(ir, n);
-  }
+  });
   for (const auto& t : ir.outputs())
     if (!t.empty() && !defined(ir, t))
       throw LoadError("graph output " + t + " is not defined by any graph input, initializer or node");
