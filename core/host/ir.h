@@ -94,6 +94,17 @@ class Node : public std::enable_shared_from_this<Node> {
   NodePtr clone() const;
   const Attr* find_attr(const std::string& key) const;
   IR* graph() const { return owner_; }
+  // The index entry of input i / output i while the node is in a graph (null
+  // outside one, or for an empty name): no name lookup needed.
+  const TensorInfo* input_info(size_t i) const {
+    return owner_ && i < in_ti_.size() ? in_ti_[i] : nullptr;
+  }
+  const TensorInfo* output_info(size_t i) const {
+    return owner_ && i < out_ti_.size() ? out_ti_[i] : nullptr;
+  }
+  const TensorInfo* implicit_info(size_t i) const {
+    return owner_ && i < implicit_ti_.size() ? implicit_ti_[i] : nullptr;
+  }
   uint64_t uid() const { return uid_; }
   // Bookkeeping bits for whoever walks the graph (the driver marks the
   // worklists a node is on); no meaning to the graph itself.

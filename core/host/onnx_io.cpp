@@ -720,19 +720,20 @@ std::string save_model(const IR& ir) {
   }
 
   // ---- nodes, and the constants they read
-  std::unordered_set<std::string_view> used_consts;
-  auto note_use = [&](const std::string& t) {
-    if (!t.empty() && ir.is_const(t)) used_consts.insert(t);
+  // Every node holds its ports' index entries: no name lookups here.
+  FlatNameMap<bool> used_consts(ir.consts().size());
+  auto note_use = [&](const TensorInfo* ti) {
+    if (ti && ti->constant) used_consts.emplace(ti->name, true);
   };
   g->mutable_node()->Reserve(static_cast<int>(nodes.size()));
   for (const auto& n : nodes) {
     onnx::NodeProto* np = g->add_node();
     np->mutable_input()->Reserve(static_cast<int>(n->input.size()));
-    for (const auto& t : n->input) {
-      np->add_input(t);
-      note_use(t);
+    for (size_t i = 0; i < n->input.size(); ++i) {
+      np->add_input(n->input[i]);
+      note_use(n->input_info(i));
     }
-    for (const auto& t : n->implicit_inputs) note_use(t);
+    for (size_t k = 0; k < n->implicit_inputs.size(); ++k) note_use(n->implicit_info(k));
     np->mutable_output()->Reserve(static_cast<int>(n->output.size()));
     for (const auto& t : n->output) np->add_output(t);
     if (!n->name().empty()) np->set_name(n->name());
@@ -742,30 +743,19 @@ std::string save_model(const IR& ir) {
     np->mutable_attribute()->Reserve(static_cast<int>(n->attribute().size()));
     for (const auto& a : n->attribute()) attr_to_proto(a, np->add_attribute());
   }
-  for (const auto& t : ir.outputs()) note_use(t);
+  for (const auto& t : ir.outputs()) note_use(ir.tensor(t));
 
-  // ---- initializers: const_order first, then the rest by name
-  std::unordered_set<std::string_view> emitted;
-  emitted.reserve(used_consts.size() * 2 + 1);
-  auto produced_by_node = [&](const std::string& t) {
-    const TensorInfo* ti = ir.tensor(t);
-    return ti && !ti->producers.empty();
-  };
+  // ---- initializers, in const_order (every constant is listed there)
+  FlatNameMap<bool> emitted(used_consts.size());
   g->mutable_initializer()->Reserve(static_cast<int>(used_consts.size()));
-  auto emit_const = [&](const std::string& t) {
-    if (!used_consts.count(t) || emitted.count(t) || produced_by_node(t)) return;
+  for (const auto& t : ir.const_order) {
+    if (!used_consts.contains(t) || emitted.contains(t)) continue;
+    const TensorInfo* ti = ir.tensor(t);
+    if (!ti || !ti->producers.empty()) continue;
     const NDArray* a = ir.get_const(t);
-    if (!a) return;
-    emitted.insert(*used_consts.find(t));
+    if (!a) continue;
+    emitted.emplace(t, true);
     tensor_to_proto(*a, t, g->add_initializer());
-  };
-  for (const auto& t : ir.const_order) emit_const(t);
-  if (emitted.size() < used_consts.size()) {
-    std::vector<std::string_view> rest;
-    for (const auto& t : used_consts)
-      if (!emitted.count(t)) rest.push_back(t);
-    std::sort(rest.begin(), rest.end());
-    for (const auto& t : rest) emit_const(std::string(t));
   }
 
   // ---- graph inputs: the model's records in the model's order
@@ -781,7 +771,7 @@ std::string save_model(const IR& ir) {
       if (rec != ir.io_value_info.end()) out->ParseFromString(rec->second);
       else *out = vi;
       refresh_type(ir, *out);
-    } else if (emitted.count(name) && input_done.insert(name).second) {
+    } else if (emitted.contains(name) && input_done.insert(name).second) {
       *g->add_input() = vi;  // an initializer that the model also lists as input
     }
   }
@@ -828,10 +818,11 @@ std::string save_model(const IR& ir) {
 
   // ---- value_info: inner tensors with known shape and type, in node order
   for (const auto& n : nodes) {
-    for (const auto& t : n->output) {
-      if (t.empty() || ir.is_input(t) || ir.is_output(t) || ir.is_const(t)) continue;
-      const TensorInfo* ti = ir.tensor(t);
-      if (!ti || !ti->has_shape || ti->dtype == dt::UNDEFINED) continue;
+    for (size_t k = 0; k < n->output.size(); ++k) {
+      const TensorInfo* ti = n->output_info(k);
+      if (!ti || ti->graph_input || ti->graph_output || ti->constant) continue;
+      if (!ti->has_shape || ti->dtype == dt::UNDEFINED) continue;
+      const std::string& t = ti->name;
       if (ti->producers.empty() || ti->producers.back() != n.get()) continue;
       onnx::ValueInfoProto* vi = g->add_value_info();
       vi->set_name(t);
