@@ -169,7 +169,7 @@ bool IR::has_shape(const std::string& t) const {
 }
 
 void IR::set_shape(const std::string& t, const Shape& shape, bool check_size, int32_t dtype) {
-  const TensorInfo* found = tensors_.find(t);
+  TensorInfo* found = tensors_.find(t);
   if (found && found->has_shape && found->shape == shape &&
       (dtype == dt::UNDEFINED || dtype == found->dtype))
     return;
@@ -177,7 +177,7 @@ void IR::set_shape(const std::string& t, const Shape& shape, bool check_size, in
     throw std::logic_error("set_shape changes the element count of " + t);
   }
   record_tensor(t);
-  TensorInfo& ti = info(t);
+  TensorInfo& ti = found ? *found : info(t);
   ti.shape = shape;
   ti.has_shape = true;
   if (dtype != dt::UNDEFINED) ti.dtype = dtype;
@@ -631,7 +631,7 @@ void IR::add_node(const NodePtr& node, int64_t order) {
   // Whatever is keyed by node name (paused rules, mesh bookkeeping) must
   // name one node: an unnamed node, or one whose name another node holds,
   // gets a free name.
-  if (node->name_.empty() || by_name_.find(node->name_) != nullptr) {
+  if (node->name_.empty() || !by_name_.try_insert(node.get())) {
     const std::string base = node->name_.empty() ? node->op_type_ : node->name_;
     int64_t& k = auto_name_next_[base];
     std::string cand;
@@ -639,6 +639,7 @@ void IR::add_node(const NodePtr& node, int64_t order) {
       cand = base + "_" + std::to_string(k++);
     } while (by_name_.find(cand) != nullptr || retired_index_.find(cand) != nullptr);
     node->name_ = cand;
+    by_name_.insert(node.get());
   }
   node->owner_ = this;
   node->order_ = order;
@@ -652,7 +653,6 @@ void IR::add_node(const NodePtr& node, int64_t order) {
     slots_.push_back(node);
   }
   ++alive_;
-  by_name_.insert(node.get());
   // Room for every port's index entry at once, not slot by slot.
   node->in_pos_.resize(node->input.names_.size());
   node->in_ti_.resize(node->input.names_.size());

@@ -20,6 +20,7 @@
 #include "host/attr.h"
 #include "host/name_index.h"
 #include "host/ndarray.h"
+#include "host/small_vector.h"
 
 namespace tolm {
 
@@ -129,6 +130,12 @@ class Node : public std::enable_shared_from_this<Node> {
   size_t slot_ = 0;
 };
 
+// One reader of a tensor: the node and the input slot it reads it at.
+struct TensorUse {
+  Node* first;
+  uint32_t second;
+};
+
 struct TensorInfo {
   std::string name;
   bool constant = false;
@@ -137,10 +144,10 @@ struct TensorInfo {
   Shape shape;
   bool has_shape = false;
   int32_t dtype = dt::UNDEFINED;
-  std::vector<Node*> producers;  // the last one is the producer
+  SmallVector<Node*, 1> producers;  // the last one is the producer
   // (consumer, input slot), in no particular order; a sub-graph reference has
   // kImplicit set in its slot. Readers come out sorted by next_nodes.
-  std::vector<std::pair<Node*, uint32_t>> uses;
+  SmallVector<TensorUse, 2> uses;
 };
 
 // A tensor's shape sets across the dynamic-shape profiles of a model.

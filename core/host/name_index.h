@@ -6,6 +6,8 @@
 #pragma once
 
 #include <cstdint>
+#include <cstddef>
+#include <climits>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -32,6 +34,31 @@ class NameIndex {
     place(hash(KeyOf()(*rec)), rec);
     ++used_;
     ++size_;
+  }
+
+  // Adds `rec` unless a record of the same name is there; false if one is.
+  bool try_insert(T* rec) {
+    if ((used_ + 1) * 4 > slots_.size() * 3) grow();
+    const std::string_view key = KeyOf()(*rec);
+    const uint64_t h = hash(key);
+    size_t free_at = SIZE_MAX;
+    for (size_t i = h & mask_;; i = (i + 1) & mask_) {
+      Slot& s = slots_[i];
+      if (s.ptr == nullptr) {
+        if (free_at == SIZE_MAX) {
+          free_at = i;
+          ++used_;
+        }
+        slots_[free_at] = {h, rec};
+        ++size_;
+        return true;
+      }
+      if (s.ptr == tombstone()) {
+        if (free_at == SIZE_MAX) free_at = i;
+      } else if (s.hash == h && KeyOf()(*s.ptr) == key) {
+        return false;
+      }
+    }
   }
 
   // Takes `rec` out; false if it was not there.

@@ -518,23 +518,8 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
   }
   for (const auto& sp : g.sparse_initializer()) ir.set_const(sp.values().name(), densify(sp));
 
-  // ---- producers, implicit inputs, order check
+  // ---- implicit inputs of sub-graph nodes
   const int n_nodes = g.node_size();
-
-  FlatNameMap<int> producer_of(static_cast<size_t>(n_nodes) * 2);
-  for (int i = 0; i < n_nodes; ++i) {
-    for (const auto& o : g.node(i).output()) {
-      if (o.empty()) continue;
-      if (init_names.count(o))
-        throw LoadError("tensor " + o + " has two producers: initializer, " + node_label(g, i));
-      if (input_vi.count(o))
-        throw LoadError("tensor " + o + " has two producers: graph input, " + node_label(g, i));
-      auto [held, fresh] = producer_of.emplace(o, i);
-      if (!fresh)
-        throw LoadError("tensor " + o + " has two producers: " + node_label(g, *held) + ", " +
-                        node_label(g, i));
-    }
-  }
   std::unordered_map<int, std::vector<std::string>> implicit;
   for (int i = 0; i < n_nodes; ++i) {
     const auto& n = g.node(i);
@@ -545,45 +530,17 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
       }
     }
   }
-  bool sorted = true;
-  auto producer_index = [&](const std::string& t) {
-    if (t.empty()) return -1;
-    const int* p = producer_of.find(t);
-    return p ? *p : -1;
-  };
-  for (int i = 0; i < n_nodes && sorted; ++i) {
-    for (const auto& t : g.node(i).input())
-      if (producer_index(t) >= i) sorted = false;
-    auto im = implicit.find(i);
-    if (im != implicit.end())
-      for (const auto& t : im->second)
-        if (producer_index(t) >= i) sorted = false;
-  }
-  if (!sorted) {
-    std::vector<std::vector<int>> deps(static_cast<size_t>(n_nodes));
-    for (int i = 0; i < n_nodes; ++i) {
-      auto& d = deps[static_cast<size_t>(i)];
-      for (const auto& t : g.node(i).input()) {
-        const int p = producer_index(t);
-        if (p >= 0) d.push_back(p);
-      }
-      auto im = implicit.find(i);
-      if (im != implicit.end())
-        for (const auto& t : im->second) {
-          const int p = producer_index(t);
-          if (p >= 0) d.push_back(p);
-        }
-    }
-    check_acyclic(g, deps);
-  }
 
   // ---- nodes
   // Exporters often leave node names empty, yet rules keep some records by
   // node name: an unnamed node is named after its op type and a counter,
   // clear of every name the model already gives.
-  FlatNameMap<bool> given_names(static_cast<size_t>(n_nodes));
-  for (int i = 0; i < n_nodes; ++i)
-    if (!g.node(i).name().empty()) given_names.emplace(g.node(i).name(), true);
+  int unnamed = 0;
+  for (int i = 0; i < n_nodes; ++i) unnamed += g.node(i).name().empty() ? 1 : 0;
+  FlatNameMap<bool> given_names(unnamed > 0 ? static_cast<size_t>(n_nodes) : 0);
+  if (unnamed > 0)
+    for (int i = 0; i < n_nodes; ++i)
+      if (!g.node(i).name().empty()) given_names.emplace(g.node(i).name(), true);
   std::unordered_map<std::string, int64_t> unnamed_next;
   std::deque<std::string> made_names;  // the views of given_names point here
   auto name_for = [&](const onnx::NodeProto& np) {
@@ -618,8 +575,44 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
     ir.add_node(node, i);
   }
 
-  // A file whose nodes come in a valid order is taken at its word: no sort.
-  if (sorted) ir.trust_insertion_order();
+  // ---- producers and order, read off the index just built (each node's
+  // order key is its place in the file)
+  auto label_of = [&](const Node* n) { return node_label(g, static_cast<int>(n->order())); };
+  bool sorted = true;
+  ir.for_each_node([&](const NodePtr& np) {
+    const Node& n = *np;
+    for (size_t k = 0; k < n.output.size(); ++k) {
+      const TensorInfo* ti = n.output_info(k);
+      if (!ti) continue;
+      if (ti->constant)
+        throw LoadError("tensor " + ti->name + " has two producers: initializer, " + label_of(&n));
+      if (ti->graph_input)
+        throw LoadError("tensor " + ti->name + " has two producers: graph input, " + label_of(&n));
+      if (ti->producers.size() > 1 && ti->producers[1] == &n)
+        throw LoadError("tensor " + ti->name + " has two producers: " + label_of(ti->producers[0]) + ", " +
+                        label_of(&n));
+    }
+    auto runs_before = [&](const TensorInfo* ti) {
+      return !ti || ti->producers.empty() || ti->producers.back()->order() < n.order();
+    };
+    for (size_t k = 0; sorted && k < n.input.size(); ++k) sorted = runs_before(n.input_info(k));
+    for (size_t k = 0; sorted && k < n.implicit_inputs.size(); ++k) sorted = runs_before(n.implicit_info(k));
+  });
+  if (!sorted) {
+    std::vector<std::vector<int>> deps(static_cast<size_t>(n_nodes));
+    ir.for_each_node([&](const NodePtr& np) {
+      auto& d = deps[static_cast<size_t>(np->order())];
+      auto add = [&](const TensorInfo* ti) {
+        if (ti && !ti->producers.empty()) d.push_back(static_cast<int>(ti->producers.back()->order()));
+      };
+      for (size_t k = 0; k < np->input.size(); ++k) add(np->input_info(k));
+      for (size_t k = 0; k < np->implicit_inputs.size(); ++k) add(np->implicit_info(k));
+    });
+    check_acyclic(g, deps);
+  } else {
+    // A file whose nodes come in a valid order is taken at its word: no sort.
+    ir.trust_insertion_order();
+  }
 
   // ---- the shell: everything but the graph body
   g.clear_node();

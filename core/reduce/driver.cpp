@@ -256,6 +256,15 @@ class Driver {
       : ir_(ir), qt_(qt), cvt_(first), fuse_(second), strict_(opt.strict) {
     budget_ = opt.max_rewrites > 0 ? opt.max_rewrites
                                    : 20 * static_cast<int64_t>(ir.node_count()) + 10000;
+    // Which worklists a node of each op type belongs on: one that no row
+    // of a list can anchor at is never queued there.
+    auto mark = [&](const std::unordered_map<std::string, std::vector<size_t>>& index, uint8_t bit) {
+      for (const auto& kv : index) lists_of_op_[kv.first] |= bit;
+    };
+    mark(cvt_.regular, 1);
+    mark(fuse_.regular, 2);
+    mark(cvt_.limited, 4);
+    mark(fuse_.limited, 8);
   }
 
   DriverStats run() {
@@ -281,17 +290,23 @@ class Driver {
   }
 
  private:
+  uint8_t lists_of(const Node& n) const {
+    auto it = lists_of_op_.find(n.op_type());
+    return it == lists_of_op_.end() ? 0 : it->second;
+  }
   void push_all(const NodePtr& n) {
-    cvt_regular_.push(n);
-    fuse_regular_.push(n);
-    cvt_limited_.push(n);
-    fuse_limited_.push(n);
+    const uint8_t lists = lists_of(*n);
+    if (lists & 1) cvt_regular_.push(n);
+    if (lists & 2) fuse_regular_.push(n);
+    if (lists & 4) cvt_limited_.push(n);
+    if (lists & 8) fuse_limited_.push(n);
   }
   void push_all_front(const NodePtr& n) {
-    cvt_regular_.push_front(n);
-    fuse_regular_.push_front(n);
-    cvt_limited_.push_front(n);
-    fuse_limited_.push_front(n);
+    const uint8_t lists = lists_of(*n);
+    if (lists & 1) cvt_regular_.push_front(n);
+    if (lists & 2) fuse_regular_.push_front(n);
+    if (lists & 4) cvt_limited_.push_front(n);
+    if (lists & 8) fuse_limited_.push_front(n);
   }
 
   // Runs the table's regular rows until their worklist is empty. False when
@@ -412,6 +427,7 @@ class Driver {
   std::unordered_map<std::pair<size_t, uint64_t>, int, PairHash> limit_fires_;
   std::unordered_map<uint64_t, int> depth_;  // node uid -> limit rewrites behind it
   std::unordered_set<std::pair<size_t, uint64_t>, PairHash> faulted_;
+  std::unordered_map<std::string, uint8_t> lists_of_op_;
   DriverStats stats_;
   int64_t budget_;
   bool strict_;
@@ -464,9 +480,11 @@ void apply_result(IR& ir, const RuleResult& result) {
 int64_t prune_dead(IR& ir) {
   // Nodes with no output in use go, and then whatever fed only them: a
   // worklist from the dead ends upwards, with no sort of the graph.
-  auto dead = [&ir](const Node& n) {
-    for (const auto& o : n.output)
-      if (!o.empty() && (ir.use_count(o) > 0 || ir.is_output(o))) return false;
+  auto dead = [](const Node& n) {
+    for (size_t k = 0; k < n.output.size(); ++k) {
+      const TensorInfo* ti = n.output_info(k);
+      if (ti && (!ti->uses.empty() || ti->graph_output)) return false;
+    }
     return true;
   };
   std::vector<NodePtr> work;
