@@ -157,9 +157,10 @@ void IR::drop_tensor(TensorInfo& ti) {
 
 const TensorInfo* IR::tensor(const std::string& t) const { return tensors_.find(t); }
 
-Shape IR::get_shape(const std::string& t) const {
+const Shape& IR::get_shape(const std::string& t) const {
+  static const Shape kNone;
   const TensorInfo* ti = tensors_.find(t);
-  if (!ti || !ti->has_shape) return {};
+  if (!ti || !ti->has_shape) return kNone;
   return ti->shape;
 }
 
@@ -861,6 +862,45 @@ void IR::undo(UndoRecord& r) {
 
 const NodeList& IR::node() const {
   if (order_valid_) return order_cache_;
+  // Most of the time the order keys already give a valid order (rules put
+  // new nodes at the key of what they replace): sort by key, check every
+  // reader comes after its producer, and skip the full topological sort.
+  {
+    struct Key {
+      int64_t order;
+      uint64_t uid;
+      Node* n;
+    };
+    std::vector<Key> keys;
+    keys.reserve(alive_);
+    for (const auto& n : slots_)
+      if (n) keys.push_back({n->order_, n->uid_, n.get()});
+    std::sort(keys.begin(), keys.end(), [](const Key& a, const Key& b) {
+      return a.order != b.order ? a.order < b.order : a.uid < b.uid;
+    });
+    std::vector<uint32_t> pos(slots_.size(), 0);
+    for (size_t i = 0; i < keys.size(); ++i) pos[keys[i].n->slot_] = static_cast<uint32_t>(i);
+    auto before = [&](const TensorInfo* ti, const Node* n, size_t i) {
+      if (!ti || ti->producers.empty()) return true;
+      const Node* p = ti->producers.back();
+      return p == n || pos[p->slot_] < i;
+    };
+    bool valid = true;
+    for (size_t i = 0; valid && i < keys.size(); ++i) {
+      const Node* n = keys[i].n;
+      for (const TensorInfo* ti : n->in_ti_)
+        if (!before(ti, n, i)) valid = false;
+      for (const TensorInfo* ti : n->implicit_ti_)
+        if (!before(ti, n, i)) valid = false;
+    }
+    if (valid) {
+      order_cache_.clear();
+      order_cache_.reserve(keys.size());
+      for (const Key& k : keys) order_cache_.push_back(k.n->shared_from_this());
+      order_valid_ = true;
+      return order_cache_;
+    }
+  }
   // Kahn's algorithm; among ready nodes the one with the smallest order key
   // goes first, so an unchanged graph keeps its order and output is stable.
   // In-degrees live in a vector indexed by node slot.

@@ -213,8 +213,9 @@ class IR {
 
   // ---- shapes and types -------------------------------------------------
   // The tensor's dimensions; empty when none is held (see has_shape) and for
-  // scalars.
-  Shape get_shape(const std::string& t) const;
+  // scalars. A reference into the tensor's record: copy it to edit it, or
+  // before changing that tensor's shape.
+  const Shape& get_shape(const std::string& t) const;
   bool has_shape(const std::string& t) const;
   // check_size: the element count must stay what it was, if a shape was held.
   void set_shape(const std::string& t, const Shape& shape, bool check_size = true,
