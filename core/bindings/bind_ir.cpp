@@ -709,6 +709,13 @@ void init_ir(py::module& m) {
       // shapes and types
       .def("get_shape", [](const IR& g, const std::string& t) { return shape_or_none(g, t); }, py::arg("t"))
       .def("has_shape", &IR::has_shape, py::arg("t"))
+      .def("op_counts",
+           [](const IR& g) {
+             std::map<std::string, int64_t> counts;
+             g.for_each_node([&](const NodePtr& n) { ++counts[n->op_type()]; });
+             return counts;
+           },
+           "Number of nodes of each op type, by op type.")
       .def("set_shape",
            [](IR& g, const std::string& t, py::object shape, bool check_size, py::object dtype) {
              if (shape.is_none()) {

@@ -27,7 +27,19 @@ void rename_output(IR& ir, Node& producer, const std::string& from, const std::s
 void replace_uses_if(IR& ir, const std::string& from, const std::string& to,
                      const std::function<bool(const Node&)>& pick) {
   if (from == to) return;
-  for (const NodePtr& reader : ir.next_nodes(from))
+  const TensorInfo* ti = ir.tensor(from);
+  if (!ti) return;
+  // The readers, each once, in graph order (as next_nodes gives them),
+  // without handing out shared pointers: most tensors have one reader.
+  SmallVector<Node*, 4> readers;
+  for (const TensorUse& u : ti->uses) {
+    if (u.second & IR::kImplicit) continue;
+    if (std::find(readers.begin(), readers.end(), u.first) == readers.end()) readers.push_back(u.first);
+  }
+  std::sort(readers.begin(), readers.end(), [](const Node* a, const Node* b) {
+    return a->order() != b->order() ? a->order() < b->order() : a->uid() < b->uid();
+  });
+  for (Node* reader : readers)
     if (pick(*reader)) replace_input(ir, *reader, from, to);
 }
 

@@ -470,8 +470,8 @@ void IR::add_graph_output(const std::string& t) {
 }
 
 namespace {
-template <class T>
-T& port_entry(std::vector<T>& v, size_t i) {
+template <class V>
+auto& port_entry(V& v, size_t i) {
   if (v.size() <= i) v.resize(i + 1);
   return v[i];
 }
@@ -482,19 +482,25 @@ void IR::attach_use(const std::string& t, Node* n, uint32_t slot) {
   TensorInfo& ti = info(t);
   const bool implicit = (slot & kImplicit) != 0;
   const size_t k = slot & ~kImplicit;
-  port_entry(implicit ? n->implicit_pos_ : n->in_pos_, k) = static_cast<uint32_t>(ti.uses.size());
-  port_entry(implicit ? n->implicit_ti_ : n->in_ti_, k) = &ti;
+  if (implicit) {
+    port_entry(n->implicit_pos_, k) = static_cast<uint32_t>(ti.uses.size());
+    port_entry(n->implicit_ti_, k) = &ti;
+  } else {
+    port_entry(n->in_pos_, k) = static_cast<uint32_t>(ti.uses.size());
+    port_entry(n->in_ti_, k) = &ti;
+  }
   ti.uses.emplace_back(n, slot);
 }
 
 void IR::detach_use(Node* n, uint32_t slot) {
   const bool implicit = (slot & kImplicit) != 0;
   const size_t k = slot & ~kImplicit;
-  auto& tis = implicit ? n->implicit_ti_ : n->in_ti_;
-  auto& poss = implicit ? n->implicit_pos_ : n->in_pos_;
-  if (k >= tis.size() || !tis[k]) return;
-  TensorInfo& ti = *tis[k];
-  tis[k] = nullptr;
+  TensorInfo** tis_data = implicit ? n->implicit_ti_.data() : n->in_ti_.data();
+  const size_t tis_size = implicit ? n->implicit_ti_.size() : n->in_ti_.size();
+  uint32_t* poss = implicit ? n->implicit_pos_.data() : n->in_pos_.data();
+  if (k >= tis_size || !tis_data[k]) return;
+  TensorInfo& ti = *tis_data[k];
+  tis_data[k] = nullptr;
   auto& uses = ti.uses;
   const uint32_t pos = poss[k];
   if (pos >= uses.size() || uses[pos].first != n || uses[pos].second != slot) return;
@@ -503,7 +509,10 @@ void IR::detach_use(Node* n, uint32_t slot) {
     uses[pos] = uses.back();
     Node* moved = uses[pos].first;
     const uint32_t ms = uses[pos].second;
-    ((ms & kImplicit) ? moved->implicit_pos_ : moved->in_pos_)[ms & ~kImplicit] = pos;
+    if (ms & kImplicit)
+      moved->implicit_pos_[ms & ~kImplicit] = pos;
+    else
+      moved->in_pos_[ms & ~kImplicit] = pos;
   }
   uses.pop_back();
   if (journal_on_ && uses.empty()) released_.push_back(ti.name);
@@ -861,7 +870,17 @@ void IR::undo(UndoRecord& r) {
 }
 
 const NodeList& IR::node() const {
-  if (order_valid_) return order_cache_;
+  if (shared_valid_) return order_cache_;
+  const std::vector<Node*>& order = node_order();
+  order_cache_.clear();
+  order_cache_.reserve(order.size());
+  for (Node* n : order) order_cache_.push_back(n->shared_from_this());
+  shared_valid_ = true;
+  return order_cache_;
+}
+
+const std::vector<Node*>& IR::node_order() const {
+  if (order_valid_) return order_raw_;
   // Most of the time the order keys already give a valid order (rules put
   // new nodes at the key of what they replace): sort by key, check every
   // reader comes after its producer, and skip the full topological sort.
@@ -894,11 +913,11 @@ const NodeList& IR::node() const {
         if (!before(ti, n, i)) valid = false;
     }
     if (valid) {
-      order_cache_.clear();
-      order_cache_.reserve(keys.size());
-      for (const Key& k : keys) order_cache_.push_back(k.n->shared_from_this());
+      order_raw_.clear();
+      order_raw_.reserve(keys.size());
+      for (const Key& k : keys) order_raw_.push_back(k.n);
       order_valid_ = true;
-      return order_cache_;
+      return order_raw_;
     }
   }
   // Kahn's algorithm; among ready nodes the one with the smallest order key
@@ -930,13 +949,13 @@ const NodeList& IR::node() const {
   for (const auto& n : slots_)
     if (n && indeg[n->slot_] == 0) heap.push_back(n.get());
   std::make_heap(heap.begin(), heap.end(), later);
-  order_cache_.clear();
-  order_cache_.reserve(alive_);
+  order_raw_.clear();
+  order_raw_.reserve(alive_);
   while (!heap.empty()) {
     std::pop_heap(heap.begin(), heap.end(), later);
     Node* n = heap.back();
     heap.pop_back();
-    order_cache_.push_back(n->shared_from_this());
+    order_raw_.push_back(n);
     for (const TensorInfo* ti : n->out_ti_) {
       if (!ti || ti->producers.empty() || ti->producers.back() != n) continue;
       for (const auto& u : ti->uses) {
@@ -948,31 +967,32 @@ const NodeList& IR::node() const {
       }
     }
   }
-  if (order_cache_.size() != alive_) {
+  if (order_raw_.size() != alive_) {
     // A cycle: keep the rest in key order so callers still see every node.
     std::vector<Node*> rest;
     for (const auto& n : slots_)
       if (n && indeg[n->slot_] > 0) rest.push_back(n.get());
     std::sort(rest.begin(), rest.end(), [&](Node* a, Node* b) { return later(b, a); });
-    for (Node* n : rest) order_cache_.push_back(n->shared_from_this());
+    for (Node* n : rest) order_raw_.push_back(n);
   }
   order_valid_ = true;
-  return order_cache_;
+  return order_raw_;
 }
 
 void IR::trust_insertion_order() {
-  order_cache_.clear();
-  order_cache_.reserve(alive_);
+  order_raw_.clear();
+  order_raw_.reserve(alive_);
   for (const NodePtr& n : slots_)
-    if (n) order_cache_.push_back(n);
-  auto by_key = [](const NodePtr& a, const NodePtr& b) { return a->order_ < b->order_; };
-  if (!std::is_sorted(order_cache_.begin(), order_cache_.end(), by_key))
-    std::stable_sort(order_cache_.begin(), order_cache_.end(), by_key);
+    if (n) order_raw_.push_back(n.get());
+  auto by_key = [](const Node* a, const Node* b) { return a->order_ < b->order_; };
+  if (!std::is_sorted(order_raw_.begin(), order_raw_.end(), by_key))
+    std::stable_sort(order_raw_.begin(), order_raw_.end(), by_key);
   order_valid_ = true;
+  shared_valid_ = false;
 }
 
 void IR::renumber_order() {
-  const NodeList& order = node();
+  const std::vector<Node*>& order = node_order();
   for (size_t i = 0; i < order.size(); ++i) order[i]->order_ = static_cast<int64_t>(i);
   max_order_ = static_cast<int64_t>(order.size());
 }

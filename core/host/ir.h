@@ -121,10 +121,15 @@ class Node : public std::enable_shared_from_this<Node> {
   IR* owner_ = nullptr;
   // Where each input's (and implicit input's) use entry sits in its tensor's
   // use list, so that dropping a use is O(1) however many readers it has.
-  std::vector<uint32_t> in_pos_, implicit_pos_;
+  SmallVector<uint32_t, 3> in_pos_;
+  std::vector<uint32_t> implicit_pos_;
   // The index entry of each port's tensor (entries never move), so edits on
   // a node's own ports need no name lookup.
-  std::vector<TensorInfo*> in_ti_, out_ti_, implicit_ti_;
+  // Held in the node itself for the usual few ports: walking the graph then
+  // touches one block per node, not four.
+  SmallVector<TensorInfo*, 3> in_ti_;
+  SmallVector<TensorInfo*, 3> out_ti_;
+  std::vector<TensorInfo*> implicit_ti_;
   uint64_t uid_ = 0;
   int64_t order_ = 0;
   size_t slot_ = 0;
@@ -286,6 +291,9 @@ class IR {
   // ---- nodes ------------------------------------------------------------
   // All nodes in a valid execution order (cached until the graph changes).
   const NodeList& node() const;
+  // The same order as plain pointers, for walks that hold no node: it costs
+  // no reference counting on a graph of a million nodes.
+  const std::vector<Node*>& node_order() const;
   // Gives every node the order key of its place in node(), as a graph read
   // back from its saved form would have: ties that rules break by order
   // then fall the same way in both.
@@ -373,7 +381,10 @@ class IR {
   void port_resize(Node& node, bool is_output, size_t n);
   void record_port_list(Node& node, bool is_output);
   void port_erase(Node& node, bool is_output, size_t i);
-  void invalidate_order() { order_valid_ = false; }
+  void invalidate_order() {
+    order_valid_ = false;
+    shared_valid_ = false;
+  }
   TensorInfo& info(const std::string& t);
   void record_tensor(const std::string& t);
   void record_header(Node& node);
@@ -401,8 +412,10 @@ class IR {
   std::vector<std::string> inputs_, outputs_;
   std::vector<std::string> value_info_;
   int64_t opset_ = 17;
-  mutable NodeList order_cache_;
+  mutable std::vector<Node*> order_raw_;
   mutable bool order_valid_ = false;
+  mutable NodeList order_cache_;  // order_raw_ as shared pointers, built on request
+  mutable bool shared_valid_ = false;
   bool journal_on_ = false;
   std::vector<NodePtr> touched_;
   std::vector<std::string> released_;

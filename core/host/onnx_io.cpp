@@ -690,7 +690,7 @@ std::string save_model(const IR& ir) {
   g->clear_sparse_initializer();
 
   // Default-domain opset follows the IR.
-  const NodeList& nodes = ir.node();
+  const std::vector<Node*>& nodes = ir.node_order();
   bool have_opset = false;
   for (auto& op : *model->mutable_opset_import()) {
     if (is_default_domain(op.domain())) {
@@ -816,7 +816,7 @@ std::string save_model(const IR& ir) {
       if (!ti || ti->graph_input || ti->graph_output || ti->constant) continue;
       if (!ti->has_shape || ti->dtype == dt::UNDEFINED) continue;
       const std::string& t = ti->name;
-      if (ti->producers.empty() || ti->producers.back() != n.get()) continue;
+      if (ti->producers.empty() || ti->producers.back() != n) continue;
       onnx::ValueInfoProto* vi = g->add_value_info();
       vi->set_name(t);
       auto* tt = vi->mutable_type()->mutable_tensor_type();

@@ -375,8 +375,7 @@ bool infer_node(IR& ir, Node& node, bool overwrite) { return infer_impl(ir, node
 void infer_missing(IR& ir) {
   GeneratedShapes generated;
   // Inference writes shapes and types only, which leaves the order valid.
-  const NodeList& nodes = ir.node();
-  for (const auto& n : nodes) {
+  for (Node* n : ir.node_order()) {
     bool run = false;
     for (size_t k = 0; k < n->output.size() && !run; ++k) {
       const TensorInfo* ti = n->output_info(k);

@@ -56,6 +56,12 @@ class SmallVector {
     --size_;
   }
   void clear() { size_ = 0; }
+  // Grows with zero-filled elements, or drops the tail.
+  void resize(size_t n) {
+    while (capacity() < n) grow();
+    if (n > size_) std::memset(static_cast<void*>(data() + size_), 0, (n - size_) * sizeof(T));
+    size_ = n;
+  }
 
  private:
   size_t capacity() const { return heap_ ? heap_cap_ : N; }

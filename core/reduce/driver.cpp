@@ -269,7 +269,7 @@ class Driver {
 
   DriverStats run() {
     ir_.set_journal(true);
-    for (const auto& n : ir_.node()) push_all(n);
+    for (Node* n : ir_.node_order()) push_all(n->shared_from_this());
     while (true) {
       if (!drain(cvt_, cvt_regular_, false)) break;
       if (!drain(fuse_, fuse_regular_, false)) break;
@@ -514,7 +514,7 @@ int64_t prune_dead(IR& ir) {
 
 int64_t make_reshape_shapes_explicit(IR& ir) {
   int64_t changed = 0;
-  for (const NodePtr& n : ir.node()) {
+  for (Node* n : ir.node_order()) {
     if (n->op_type() != "Reshape" || n->input.size() < 2) continue;
     if (IR::get_attr_int(*n, "allowzero").value_or(0) != 0) continue;
     const NDArray* target = ir.get_const(n->input[1]);

@@ -19,27 +19,17 @@ __version__ = "0.1.0"
 MAX_CHECK_RUNS = 1000
 
 
-def _op_counts(model: onnx.ModelProto) -> Dict[str, int]:
-    counts: Dict[str, int] = {}
-    for n in model.graph.node:
-        counts[n.op_type] = counts.get(n.op_type, 0) + 1
-    return dict(sorted(counts.items()))
-
-
-def reduce(
+def _reduce_bytes(
     model,
-    target: str = "npu_c",
-    quant_tab: Optional[dict] = None,
-    input_shapes: Optional[Mapping[str, Sequence[int]]] = None,
-    check: int = 0,
-    strict: Optional[bool] = None,
-) -> Tuple[onnx.ModelProto, dict]:
-    """Reduces a model (ModelProto, serialized bytes or path).
-
-    ``quant_tab`` (tensor name -> {"min", "max", "name"}) is updated in place
-    by the rules that move quantisation records. With ``check`` > 0 the reduced
-    model is compared with the original in onnxruntime on that many random
-    input sets. Returns ``(reduced_model, report)``."""
+    target: str,
+    quant_tab: Optional[dict],
+    input_shapes: Optional[Mapping[str, Sequence[int]]],
+    check: int,
+    strict: Optional[bool],
+):
+    """The reduced model as serialized bytes, the report, the original bytes
+    and the checked input shapes; the model is never parsed in Python here, so
+    a caller that only writes the result pays for no second parse."""
     from tolm.api.ir_graph import IRGraph, check_target, normalize_input_shapes, read_model_bytes
     from tolm.api.rules import reduce as rules
 
@@ -57,15 +47,16 @@ def reduce(
     rules.clear_log_history()
     stats = rules.run_reduce(ir, quant_tab, strict=strict)
     t2 = time.perf_counter()
-    reduced = ir.to_onnx()
+    ops_after = ir.op_counts()
+    data = ir.to_bytes()
     t3 = time.perf_counter()
 
     report = {
         "target": target,
         "nodes_before": sum(ops_before.values()),
-        "nodes_after": len(reduced.graph.node),
+        "nodes_after": sum(ops_after.values()),
         "ops_before": ops_before,
-        "ops_after": _op_counts(reduced),
+        "ops_after": ops_after,
         "fired": {k: v for k, v in sorted(stats["fired"].items()) if v},
         "rewrites": stats["rewrites"],
         "attempts": stats["attempts"],
@@ -77,13 +68,40 @@ def reduce(
         "times": {"load": t1 - t0, "reduce": t2 - t1, "save": t3 - t2},
         "check": None,
     }
-    if check > 0:
-        from tolm.check import check_models
+    return data, report, original_bytes, shapes
 
-        t4 = time.perf_counter()
-        original = onnx.load_from_string(original_bytes)
-        report["check"] = check_models(original, reduced, runs=check, input_shapes=shapes)
-        report["times"]["check"] = time.perf_counter() - t4
+
+def _run_check(report: dict, original_bytes: bytes, reduced: onnx.ModelProto, runs: int, shapes) -> None:
+    from tolm.check import check_models
+
+    t4 = time.perf_counter()
+    original = onnx.load_from_string(original_bytes)
+    report["check"] = check_models(original, reduced, runs=runs, input_shapes=shapes)
+    report["times"]["check"] = time.perf_counter() - t4
+
+
+def reduce(
+    model,
+    target: str = "npu_c",
+    quant_tab: Optional[dict] = None,
+    input_shapes: Optional[Mapping[str, Sequence[int]]] = None,
+    check: int = 0,
+    strict: Optional[bool] = None,
+) -> Tuple[onnx.ModelProto, dict]:
+    """Reduces a model (ModelProto, serialized bytes or path).
+
+    ``quant_tab`` (tensor name -> {"min", "max", "name"}) is updated in place
+    by the rules that move quantisation records. With ``check`` > 0 the reduced
+    model is compared with the original in onnxruntime on that many random
+    input sets. With ``strict`` a rule that breaks its contract (throws, or
+    edits the graph and then does not apply) raises ``RuleError``; otherwise
+    its edit is undone and listed under ``rule_faults``. ``strict=None``
+    takes the environment variable ``TOLM_STRICT`` (set to 1 by the test
+    suites). Returns ``(reduced_model, report)``."""
+    data, report, original_bytes, shapes = _reduce_bytes(model, target, quant_tab, input_shapes, check, strict)
+    reduced = onnx.load_from_string(data)
+    if check > 0:
+        _run_check(report, original_bytes, reduced, check, shapes)
     return reduced, report
 
 

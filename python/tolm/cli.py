@@ -108,7 +108,13 @@ def main(argv: Optional[List[str]] = None) -> int:
         source = args.model
 
     try:
-        reduced, report = tolm.reduce(model, target=args.target, input_shapes=shapes, check=args.check)
+        # Bytes straight to the file: the reduced model is parsed in Python
+        # only when the check needs it.
+        data, report, original_bytes, checked_shapes = tolm._reduce_bytes(
+            model, args.target, None, shapes, args.check, None
+        )
+        if args.check > 0:
+            tolm._run_check(report, original_bytes, onnx.load_from_string(data), args.check, checked_shapes)
     except (LoadError, ValueError, TypeError, OSError) as exc:
         return _fail(f"{source}: {_one_line(exc)}")
     except Exception as exc:  # a fault of ours: still one line, never a traceback
@@ -116,7 +122,8 @@ def main(argv: Optional[List[str]] = None) -> int:
 
     try:
         if args.output:
-            onnx.save(reduced, args.output)
+            with open(args.output, "wb") as f:
+                f.write(data)
         if args.report:
             with open(args.report, "w") as f:
                 json.dump(report, f, indent=2)

@@ -272,12 +272,6 @@ class IRGraph(_reduce.IRGraph):
         """The graph as it stands, as an ONNX model."""
         return onnx.load_from_string(self.to_bytes())
 
-    def op_counts(self) -> Dict[str, int]:
-        counts: Dict[str, int] = {}
-        for n in self.node:
-            counts[n.op_type] = counts.get(n.op_type, 0) + 1
-        return dict(sorted(counts.items()))
-
     def apply(self, remove: Iterable, add: Iterable) -> None:
         """Applies one rule result as the driver does; ``add`` may hold
         ``onnx.NodeProto`` objects from ``onnx.helper.make_node``."""
