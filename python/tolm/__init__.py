@@ -26,10 +26,13 @@ def _reduce_bytes(
     input_shapes: Optional[Mapping[str, Sequence[int]]],
     check: int,
     strict: Optional[bool],
+    keep: Optional[list] = None,
 ):
     """The reduced model as serialized bytes, the report, the original bytes
     and the checked input shapes; the model is never parsed in Python here, so
-    a caller that only writes the result pays for no second parse."""
+    a caller that only writes the result pays for no second parse. With
+    ``keep`` (a list) the graph is appended to it instead of being freed: a
+    process about to exit need not take a large graph apart."""
     from tolm.api.ir_graph import IRGraph, check_target, normalize_input_shapes, read_model_bytes
     from tolm.api.rules import reduce as rules
 
@@ -50,6 +53,8 @@ def _reduce_bytes(
     ops_after = ir.op_counts()
     data = ir.to_bytes()
     t3 = time.perf_counter()
+    if keep is not None:
+        keep.append(ir)
 
     report = {
         "target": target,

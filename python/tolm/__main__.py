@@ -1,5 +1,3 @@
-import sys
+from tolm.cli import run
 
-from tolm.cli import main
-
-sys.exit(main())
+run()

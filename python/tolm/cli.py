@@ -19,6 +19,10 @@ from tolm import MAX_CHECK_RUNS
 
 PROG = "tolm-reduce"
 
+# The reduced graph, held until the process exits: taking a graph of a
+# million nodes apart costs time the user waits for and gains nothing.
+_KEEP_UNTIL_EXIT: list = []
+
 
 class UsageError(Exception):
     """Bad input from the user: reported as one line, exit code 2."""
@@ -111,7 +115,7 @@ def main(argv: Optional[List[str]] = None) -> int:
         # Bytes straight to the file: the reduced model is parsed in Python
         # only when the check needs it.
         data, report, original_bytes, checked_shapes = tolm._reduce_bytes(
-            model, args.target, None, shapes, args.check, None
+            model, args.target, None, shapes, args.check, None, keep=_KEEP_UNTIL_EXIT
         )
         if args.check > 0:
             tolm._run_check(report, original_bytes, onnx.load_from_string(data), args.check, checked_shapes)
@@ -141,5 +145,13 @@ def main(argv: Optional[List[str]] = None) -> int:
     return 0
 
 
+def run() -> None:
+    """The console entry: exits without tearing the graph down."""
+    code = main()
+    sys.stdout.flush()
+    sys.stderr.flush()
+    os._exit(code)
+
+
 if __name__ == "__main__":
-    sys.exit(main())
+    run()

@@ -156,8 +156,8 @@ def test_failed_check_exits_1(tmp_path, tmp_model, monkeypatch):
 
     real = tolm._reduce_bytes
 
-    def broken(*args):
-        data, report, original, shapes = real(*args)
+    def broken(*args, **kw):
+        data, report, original, shapes = real(*args, **kw)
         bad = onnx.load_from_string(data)
         w = next(i for i in bad.graph.initializer if i.name == "w2")
         arr = onnx.numpy_helper.to_array(w) * 1.5
