@@ -1,48 +1,98 @@
-"""Load, reduce and save times of synthetic chain models of growing size.
+"""Load, reduce and save times of synthetic chain models of growing size,
+beside what protobuf alone takes to parse and serialise the same model.
 
-    python bench/run_reduce.py [--sizes 10000,100000,1000000] [--check]
+    python bench/run_reduce.py [--sizes 10000,100000,1000000] [--check] [--cli]
 
-Prints, per size, the time to load (bytes to indexed graph), reduce (the tables
-to a fixed point, with dead-branch pruning) and save (graph to bytes), the ratio
-reduce / (load + save), and the reduce time per node relative to the smallest
-size. Sizes up to 100k nodes report the best of five runs."""
+Per size it prints:
+- protobuf parse + serialise of the file (onnx.ModelProto in Python, the
+  floor any reducer pays to read and write a model), load (bytes to indexed
+  graph), reduce (the tables to a fixed point) and save (graph to bytes),
+  and the ratio (load + save) / (parse + serialise);
+- the whole call per node (load + reduce + save), and how it grows from the
+  smallest size;
+- with --cli, the `tolm-reduce` command from file to file, and its ratio to
+  parse + serialise.
+
+Each phase is timed twice: CPU seconds of this process (`cpu`), which move
+little when other work shares the machine, and wall seconds. Sizes up to
+100k nodes report the best of five runs."""
 import argparse
 import os
+import subprocess
 import sys
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+
+import onnx  # noqa: E402
 
 from synthetic import make_chain_model  # noqa: E402
 from tolm.api.ir_graph import IRGraph  # noqa: E402
 from tolm.api.rules import reduce  # noqa: E402
 
 
+class Clock:
+    """Wall and CPU time of one phase."""
+
+    def __init__(self):
+        self.wall = time.perf_counter()
+        self.cpu = time.process_time()
+
+    def lap(self):
+        now_w, now_c = time.perf_counter(), time.process_time()
+        out = (now_w - self.wall, now_c - self.cpu)
+        self.wall, self.cpu = now_w, now_c
+        return out
+
+
 def measure_once(data: bytes):
-    t0 = time.perf_counter()
+    c = Clock()
+    m = onnx.ModelProto()
+    m.ParseFromString(data)
+    parse = c.lap()
+    m.SerializeToString()
+    serialise = c.lap()
+    del m
+    c.lap()
     ir = IRGraph(data)
-    t1 = time.perf_counter()
+    load = c.lap()
     stats = reduce.run_reduce(ir)
-    t2 = time.perf_counter()
+    red = c.lap()
     out = ir.to_bytes()
-    t3 = time.perf_counter()
-    return ir, stats, out, (t1 - t0, t2 - t1, t3 - t2)
+    save = c.lap()
+    return ir, stats, out, {"parse": parse, "serialise": serialise, "load": load, "reduce": red, "save": save}
 
 
 def measure(data: bytes, repeats: int):
-    """Best of `repeats` runs for each phase: the machine is shared and the
-    small sizes finish in milliseconds."""
+    """Best of `repeats` runs for each phase and clock."""
     best = None
     for _ in range(repeats):
         ir, stats, out, times = measure_once(data)
-        best = times if best is None else tuple(min(a, b) for a, b in zip(best, times))
+        if best is None:
+            best = times
+        else:
+            best = {k: (min(best[k][0], v[0]), min(best[k][1], v[1])) for k, v in times.items()}
     return ir, stats, out, best
+
+
+def cli_time(path: str):
+    """Wall and CPU (user + system) seconds of the command, file to file."""
+    out = path + ".reduced.onnx"
+    t0 = time.perf_counter()
+    before = os.times()
+    subprocess.run([sys.executable, "-m", "tolm.cli", path, "-o", out], check=True, capture_output=True)
+    after = os.times()
+    wall = time.perf_counter() - t0
+    cpu = (after.children_user - before.children_user) + (after.children_system - before.children_system)
+    os.remove(out)
+    return wall, cpu
 
 
 def main():
     ap = argparse.ArgumentParser()
     ap.add_argument("--sizes", default="10000,100000,1000000")
     ap.add_argument("--check", action="store_true", help="also compare outputs in onnxruntime")
+    ap.add_argument("--cli", action="store_true", help="also time the tolm-reduce command, file to file")
     args = ap.parse_args()
     sizes = [int(s) for s in args.sizes.split(",")]
     cache = os.path.join(os.path.dirname(os.path.abspath(__file__)), "out")
@@ -57,24 +107,41 @@ def main():
         with open(path, "rb") as f:
             data = f.read()
         repeats = 5 if n <= 100000 else 1
-        ir, stats, out, (load, red, save) = measure(data, repeats)
+        ir, stats, out, times = measure(data, repeats)
         nodes_in = n // 11 * 11
-        rows.append((nodes_in, ir.node_count(), load, red, save, stats))
+        cli = cli_time(path) if args.cli else None
+        rows.append((nodes_in, ir.node_count(), times, stats, cli))
         if args.check:
             import numpy as np
             import onnxruntime as ort
+
             x = np.random.default_rng(1).standard_normal((1, 4, 8, 8)).astype(np.float32)
             a = ort.InferenceSession(data, providers=["CPUExecutionProvider"]).run(None, {"x": x})[0]
             b = ort.InferenceSession(out, providers=["CPUExecutionProvider"]).run(None, {"x": x})[0]
             print(f"  {nodes_in} nodes: max abs diff {float(np.abs(a - b).max()):.3g}")
-    base = None
-    print(f"{'nodes in':>10} {'nodes out':>10} {'load s':>8} {'reduce s':>9} {'save s':>8} "
-          f"{'reduce/(load+save)':>19} {'reduce us/node':>15} {'growth':>7} {'rewrites':>9}")
-    for nodes_in, nodes_out, load, red, save, stats in rows:
-        per = red / nodes_in * 1e6
-        base = base or per
-        print(f"{nodes_in:>10} {nodes_out:>10} {load:>8.3f} {red:>9.3f} {save:>8.3f} "
-              f"{red / (load + save):>19.2f} {per:>15.3f} {per / base:>7.2f} {stats['rewrites']:>9}")
+        del ir
+
+    for clock, k in (("cpu", 1), ("wall", 0)):
+        print(f"\n{clock} seconds")
+        head = (f"{'nodes in':>10} {'nodes out':>10} {'parse+ser':>10} {'load':>7} {'reduce':>7} {'save':>7} "
+                f"{'(load+save)/pb':>15} {'us/node':>8} {'growth':>7}")
+        if args.cli:
+            head += f" {'cli':>7} {'cli/pb':>7}"
+        print(head)
+        base = None
+        for nodes_in, nodes_out, t, stats, cli in rows:
+            pb = t["parse"][k] + t["serialise"][k]
+            whole = t["load"][k] + t["reduce"][k] + t["save"][k]
+            per = whole / nodes_in * 1e6
+            base = base or per
+            line = (f"{nodes_in:>10} {nodes_out:>10} {pb:>10.3f} {t['load'][k]:>7.3f} {t['reduce'][k]:>7.3f} "
+                    f"{t['save'][k]:>7.3f} {(t['load'][k] + t['save'][k]) / pb:>15.2f} {per:>8.2f} "
+                    f"{per / base:>7.2f}")
+            if cli:
+                cval = cli[1] if clock == "cpu" else cli[0]
+                line += f" {cval:>7.3f} {cval / pb:>7.2f}"
+            print(line)
+    print(f"\nrewrites at the largest size: {rows[-1][3]['rewrites']}")
 
 
 if __name__ == "__main__":
