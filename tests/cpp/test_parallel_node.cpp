@@ -2,6 +2,8 @@
 // run: the survivor, the rewired readers, and what keeps siblings apart.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "dead/dead.h"
 #include "graph_dsl.h"
 
@@ -100,6 +102,30 @@ TEST(ParallelNode, ManyReadersMergeInOneCall) {
   const RuleResult res = _p_remove_parallel_node(t.ir, {relus[0]}, nullptr);
   EXPECT_EQ(res.remove, relus);
   EXPECT_EQ(t.readers("o0").size(), 1000u);
+}
+
+TEST(ParallelNode, ReadersOfAWideTensorWithoutATwinArePausedForTheRound) {
+  // 100 Gathers of one table, each with its own indices but for two that
+  // hold equal indices under different names.
+  TestGraph t;
+  t.input("x", {200, 4});
+  NodeList gathers;
+  for (int k = 0; k < 100; ++k) {
+    const std::string i = "i" + std::to_string(k), g = "g" + std::to_string(k);
+    t.const_i64(i, {k == 99 ? 7 : k});
+    gathers.push_back(t.node("Gather", {"x", i}, {g}, {{"axis", 0}}, g));
+    t.node("Neg", {g}, {"y" + std::to_string(k)});
+    t.shape(g, {1, 4}).output("y" + std::to_string(k));
+  }
+  EXPECT_FALSE(_p_remove_parallel_node(t.ir, {gathers[0]}, nullptr).applied());
+  const auto& paused = t.ir.op_ruler_pause["remove_parallel_gather"];
+  EXPECT_EQ(paused.size(), 98u);
+  for (const char* twin : {"g7", "g99"})
+    EXPECT_EQ(std::count(paused.begin(), paused.end(), twin), 0) << twin;
+  // The twins still find each other.
+  const RuleResult res = _p_remove_parallel_node(t.ir, {gathers[99]}, nullptr);
+  EXPECT_EQ(res.remove, (NodeList{gathers[99], gathers[7]}));
+  EXPECT_EQ(t.readers("g99"), (names{"y7", "y99"}));
 }
 
 }  // namespace
