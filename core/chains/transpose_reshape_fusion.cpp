@@ -3,6 +3,7 @@
 // folds into one node where one of the two keeps the data order; otherwise
 // the perm changes so that the target runs the Reshape without moving data.
 #include <algorithm>
+#include <optional>
 #include <string>
 #include <vector>
 

@@ -13,11 +13,11 @@
 #include <algorithm>
 #include <cstring>
 #include <functional>
-#include <unordered_map>
-#include <unordered_set>
 #include <optional>
 #include <string>
 #include <tuple>
+#include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "dead/dead.h"
@@ -52,8 +52,9 @@ std::optional<Perm> effective_perm(const IR& ir, const Node& transpose) {
   return rev;
 }
 
-// The op types whose siblings have a test of their own.
-enum class Kind { kPlain, kReshape, kSlice, kConv, kTwoInput, kDataConvert, kTranspose, kGather, kConcat };
+// The op types whose siblings have a test of their own; the others (a
+// Gather's axis among them) are told by attributes and operands alone.
+enum class Kind { kPlain, kReshape, kSlice, kConv, kTwoInput, kDataConvert, kTranspose, kConcat };
 
 Kind kind_of(const std::string& op) {
   if (op == "Reshape") return Kind::kReshape;
@@ -62,7 +63,6 @@ Kind kind_of(const std::string& op) {
   if (op == "Mul" || op == "Sub" || op == "Equal") return Kind::kTwoInput;
   if (op == "exDataConvert") return Kind::kDataConvert;
   if (op == "Transpose") return Kind::kTranspose;
-  if (op == "Gather") return Kind::kGather;
   if (op == "Concat") return Kind::kConcat;
   return Kind::kPlain;
 }
