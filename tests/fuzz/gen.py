@@ -1182,7 +1182,7 @@ def pat_gather_ranges(b: Builder) -> None:
     b.node1("Gather", [x, b.ints(ind, "idx")], b.elem(x), out, axis=written)
 
 
-def _sibling_spec(b: Builder, x: str, op: str):
+def _sibling_parts(b: Builder, x: str, op: str):
     """Inputs after ``x``, attributes and output shapes of one ``op`` reading
     ``x``; constants are made per call, so twins hold equal values under two
     names. None when ``op`` does not fit ``x``."""
@@ -1256,10 +1256,10 @@ def pat_siblings(b: Builder) -> None:
     another constant, operands swapped, one with a graph output)."""
     x = b.pick_any()
     op = b.pick_one(SIBLING_OPS)
-    spec = _sibling_spec(b, x, op)
-    if spec is None:
+    parts = _sibling_parts(b, x, op)
+    if parts is None:
         raise Skip(op)
-    extra, attrs, outs = spec
+    extra, attrs, outs = parts
     if any(o[1] is None for o in outs):
         raise Skip("does not broadcast")
     shared = [f() if callable(f) and b.p(0.5) else f for f in extra]
