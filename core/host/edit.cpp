@@ -130,4 +130,30 @@ std::string set_own_const(IR& ir, Node& node, size_t idx, const NDArray& value,
   return fresh;
 }
 
+namespace {
+
+bool target_is_explicit(const IR& ir, const Node& reshape) {
+  const NDArray* target = ir.get_const_optional(reshape, 1);
+  if (!target) return false;
+  if (IR::get_attr_int(reshape, "allowzero").value_or(0) != 0) return true;
+  for (int64_t d : target->to_i64())
+    if (d == 0) return false;
+  return true;
+}
+
+}  // namespace
+
+bool can_pin_reshape_target(const IR& ir, const Node& reshape) {
+  if (reshape.input.size() < 2 || reshape.output.empty()) return false;
+  if (target_is_explicit(ir, reshape)) return true;
+  return ir.has_shape(reshape.output[0]) && shape_holds_data(ir.get_shape(reshape.output[0]));
+}
+
+bool pin_reshape_target(IR& ir, Node& reshape) {
+  if (!can_pin_reshape_target(ir, reshape)) return false;
+  if (target_is_explicit(ir, reshape)) return true;
+  set_own_const(ir, reshape, 1, NDArray::from_i64(ir.get_shape(reshape.output[0])), "_explicit");
+  return true;
+}
+
 }  // namespace tolm

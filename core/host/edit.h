@@ -77,4 +77,16 @@ NodePtr copy_with_attrs(const Node& node, const std::vector<Attr>& attrs);
 std::string set_own_const(IR& ir, Node& node, size_t idx, const NDArray& value,
                           const std::string& suffix);
 
+// ---- Reshape targets ------------------------------------------------------
+
+// A Reshape target with a 0 (allowzero unset) copies a dimension of whatever
+// the Reshape reads, and a computed target may do anything: before a rule
+// hands a Reshape another input, its target must name every dimension. True
+// if it does already, or if the output shape is known so that it can.
+bool can_pin_reshape_target(const IR& ir, const Node& reshape);
+// Makes the target name every dimension (the known output shape) where it
+// does not; a target other nodes share stays theirs. False, with nothing
+// changed, where can_pin_reshape_target says no.
+bool pin_reshape_target(IR& ir, Node& reshape);
+
 }  // namespace tolm

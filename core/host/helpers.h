@@ -32,6 +32,11 @@ Perm inverse_perm(const Perm& perm);
 int64_t index_of(const Perm& perm, int64_t v);
 // True if perm is 0, 1, 2, ...: moves nothing.
 bool is_identity_perm(const Perm& perm);
+// The shape of a tensor of `shape` after a Transpose by `perm`.
+Shape apply_perm(const Perm& perm, const Shape& shape);
+// True if the shape is known and holds data: at least one axis, none of size
+// 0. Only such a shape can be written as a Reshape target as it stands.
+bool shape_holds_data(const Shape& shape);
 
 // Every permutation that moves the data exactly as `perm` does on `shape`: the
 // same output shape (`out_shape` when given, else `perm` applied to `shape`)
@@ -95,13 +100,16 @@ struct GatherPlan {
   std::vector<int64_t> indices;
   bool before = false;
 };
-// The Gather on a tensor of `in_shape` that moves data as Reshape to
-// `mid_shape`, Transpose by `tp_perm`, Reshape to `out_shape` (empty: any
-// shape of the same size) do together. The Gather always reads the chain's
-// input, so `before` is true when `axis` is present. A chain that moves no
+// The Gather that moves data as Reshape to `mid_shape`, Transpose by
+// `tp_perm`, Reshape to `out_shape` (empty: any shape of the same size) do
+// together on a tensor of `in_shape`. By default the Gather reads the chain's
+// input (`before` true when `axis` is present); with `on_output` it reads the
+// input already reshaped to `out_shape`, which must then be given, and `axis`
+// and `indices` are on that layout (`before` false). A chain that moves no
 // data gives the first axis larger than 1 with ascending indices.
 GatherPlan gen_gather_for_rs_tp_rs(const Shape& in_shape, const Shape& mid_shape,
-                                   const Perm& tp_perm, const Shape& out_shape);
+                                   const Perm& tp_perm, const Shape& out_shape,
+                                   bool on_output = false);
 // A Split (`op_type` "Split") of a tensor of `src_shape` into `chunk_size`
 // parts on `axis`, or a Concat ("Concat") of such parts into it, is to run on
 // `target_shape` along `new_axis` instead, each part reshaped alike. Gives the
@@ -126,6 +134,10 @@ struct ElemwiseConst {
   int64_t other_idx = -1;
 };
 ElemwiseConst get_elemwise_const(const IR& ir, const Node& node);
+// True if `reader` is the only node that reads `t` (in any number of slots),
+// `t` is no graph output and no sub-graph reads it: a tensor a rule may drop,
+// rename or give another shape without anyone else noticing.
+bool only_read_by(const IR& ir, const std::string& t, const Node& reader);
 // Op types of the node's producers and consumers, with how many neighbours
 // have each type.
 std::map<std::string, int64_t> get_op_type_around_node(const IR& ir, const Node& node);

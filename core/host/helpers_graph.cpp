@@ -61,6 +61,15 @@ ElemwiseConst get_elemwise_const(const IR& ir, const Node& node) {
   return r;
 }
 
+bool only_read_by(const IR& ir, const std::string& t, const Node& reader) {
+  if (t.empty() || ir.is_output(t)) return false;
+  const TensorInfo* ti = ir.tensor(t);
+  if (!ti || ti->uses.empty()) return false;
+  for (const auto& u : ti->uses)
+    if (u.first != &reader || (u.second & IR::kImplicit)) return false;
+  return true;
+}
+
 std::map<std::string, int64_t> get_op_type_around_node(const IR& ir, const Node& node) {
   std::map<std::string, int64_t> counts;
   for (const auto& n : ir.pre_nodes(node)) ++counts[n->op_type()];

@@ -7,13 +7,6 @@
 namespace tolm {
 namespace {
 
-Shape apply_perm(const Perm& perm, const Shape& shape) {
-  Shape out;
-  out.reserve(perm.size());
-  for (int64_t p : perm) out.push_back(shape[p]);
-  return out;
-}
-
 Perm non_unit_axes(const Perm& perm, const Shape& shape) {
   Perm out;
   for (int64_t p : perm)
@@ -141,6 +134,17 @@ Perm inverse_perm(const Perm& perm) {
 int64_t index_of(const Perm& perm, int64_t v) {
   auto it = std::find(perm.begin(), perm.end(), v);
   return it == perm.end() ? -1 : static_cast<int64_t>(it - perm.begin());
+}
+
+Shape apply_perm(const Perm& perm, const Shape& shape) {
+  Shape out;
+  out.reserve(perm.size());
+  for (int64_t p : perm) out.push_back(shape[static_cast<size_t>(p)]);
+  return out;
+}
+
+bool shape_holds_data(const Shape& shape) {
+  return !shape.empty() && !has_nonpositive(shape);
 }
 
 bool is_identity_perm(const Perm& perm) {
@@ -299,8 +303,9 @@ std::vector<Axes> calc_map_fuse(const Shape& a, const Shape& b) {
 }
 
 GatherPlan gen_gather_for_rs_tp_rs(const Shape& in_shape, const Shape& mid_shape,
-                                   const Perm& tp_perm, const Shape& out_shape) {
+                                   const Perm& tp_perm, const Shape& out_shape, bool on_output) {
   if (in_shape.empty() || mid_shape.empty()) return {};
+  if (on_output && (out_shape.empty() || has_nonpositive(out_shape))) return {};
   if (has_nonpositive(in_shape) || has_nonpositive(mid_shape)) return {};
   if (!is_perm_of(tp_perm, mid_shape.size())) return {};
   const int64_t total = product(in_shape);
@@ -331,8 +336,11 @@ GatherPlan gen_gather_for_rs_tp_rs(const Shape& in_shape, const Shape& mid_shape
       }
     }
   };
-  GatherPlan plan = fit_single_axis_gather(in_shape, enumerate);
-  plan.before = plan.axis.has_value();
+  // Position f of the output takes input element src(f); reshaped to the
+  // output layout, the input holds element k at flat position k, so the same
+  // pairs describe a Gather on either layout.
+  GatherPlan plan = fit_single_axis_gather(on_output ? out_shape : in_shape, enumerate);
+  plan.before = plan.axis.has_value() && !on_output;
   return plan;
 }
 

@@ -549,9 +549,14 @@ void IR::touch_tensor_neighbours(const std::string& t) {
 void IR::touch_tensor_neighbours(const TensorInfo* ti) {
   // A constant has no producer, and its readers do not become neighbours by
   // sharing it: a weight or shape read by thousands of nodes must not put them
-  // all back on the worklist whenever one of them changes.
+  // all back on the worklist whenever one of them changes. The same holds for
+  // the readers of any tensor read this widely (an embedding table, a
+  // block's input read by every layer): a reader that comes or goes is
+  // touched itself, and whatever a change opens up among the others, the
+  // driver's next round finds.
   if (!journal_on_ || !ti || ti->constant) return;
   for (Node* p : ti->producers) touch(p);
+  if (ti->uses.size() > kWideFanOut) return;
   for (const auto& u : ti->uses) touch(u.first);
 }
 

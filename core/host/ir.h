@@ -210,6 +210,9 @@ struct UndoRecord {
 class IR {
  public:
   static constexpr uint32_t kImplicit = 0x80000000u;
+  // Readers of a tensor read more widely than this are not touched when a
+  // neighbour of theirs changes (see touch_tensor_neighbours).
+  static constexpr size_t kWideFanOut = 64;
 
   IR();
   ~IR();

@@ -119,6 +119,32 @@ TEST(SetOwnConst, SharedConstantIsCopiedPrivateOneRewritten) {
   EXPECT_EQ(t.ir.get_const("s")->to_i64(), (ints{1, 4}));
 }
 
+TEST(PinReshapeTarget, ZerosAreSpelledOutBeforeTheReshapeReadsAnotherTensor) {
+  TestGraph t;
+  t.input("x", {2, 3, 4});
+  t.const_i64("copy", {0, -1}).const_i64("plain", {2, 12});
+  NodePtr a = t.node("Reshape", {"x", "copy"}, {"a"});
+  NodePtr b = t.node("Reshape", {"x", "copy"}, {"b"});
+  NodePtr c = t.node("Reshape", {"x", "plain"}, {"c"});
+  NodePtr d = t.node("Reshape", {"x", "copy"}, {"d"});
+  t.shape("a", {2, 12}).shape("b", {2, 12}).shape("c", {2, 12});
+  // Explicit already: nothing to do. A 0 and a known output: pinnable.
+  EXPECT_TRUE(pin_reshape_target(t.ir, *c));
+  EXPECT_EQ(c->input[1], "plain");
+  ASSERT_TRUE(pin_reshape_target(t.ir, *a));
+  EXPECT_NE(a->input[1], "copy");  // the shared target stays the others'
+  EXPECT_EQ(t.ir.get_const(a->input[1])->to_i64(), (ints{2, 12}));
+  EXPECT_EQ(t.ir.get_const("copy")->to_i64(), (ints{0, -1}));
+  // With allowzero a 0 means an empty axis: explicit as it stands.
+  b->set_attr(Attr::make_int("allowzero", 1));
+  EXPECT_TRUE(pin_reshape_target(t.ir, *b));
+  EXPECT_EQ(b->input[1], "copy");
+  // No output shape to spell out: refused, nothing changed.
+  EXPECT_FALSE(can_pin_reshape_target(t.ir, *d));
+  EXPECT_FALSE(pin_reshape_target(t.ir, *d));
+  EXPECT_EQ(d->input[1], "copy");
+}
+
 TEST(NodeNames, UniqueInAGraphAndRenamedThroughIt) {
   TestGraph t;
   t.input("x", {2});

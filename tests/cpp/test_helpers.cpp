@@ -209,7 +209,15 @@ TEST(HelperGather, RsTpRsMatchesTheChain) {
     const Tensor chain = transpose(reshape(x, c.mid), c.perm);
     const Tensor g = gather(x, *plan.axis, plan.indices);
     EXPECT_EQ(g.data, chain.data);
+    // Fitted on the output layout, the Gather reads the input reshaped to it.
+    const Shape out = c.out.empty() ? c.in : c.out;
+    const GatherPlan after = gen_gather_for_rs_tp_rs(c.in, c.mid, c.perm, out, true);
+    ASSERT_TRUE(after.axis.has_value());
+    EXPECT_FALSE(after.before);
+    EXPECT_EQ(gather(reshape(x, out), *after.axis, after.indices).data, chain.data);
   }
+  // The output layout must be known to fit a Gather on it.
+  EXPECT_FALSE(gen_gather_for_rs_tp_rs({2, 6}, {2, 2, 3}, {0, 2, 1}, {}, true).axis.has_value());
 
   // A movement across two input axes has no single Gather.
   EXPECT_FALSE(gen_gather_for_rs_tp_rs({6, 4}, {6, 4}, {1, 0}, {}).axis.has_value());
@@ -425,6 +433,12 @@ TEST(HelperGraph, NeighboursAndSubGraphs) {
 
   EXPECT_EQ(find_gcd({12, -18, 30}), 6);
   EXPECT_EQ(find_gcd({}), 0);
+
+  // s0 is read by Sigmoid and Mul; g by Mul alone; z is a graph output.
+  EXPECT_TRUE(only_read_by(t.ir, "g", *mul));
+  EXPECT_FALSE(only_read_by(t.ir, "s0", *mul));
+  EXPECT_FALSE(only_read_by(t.ir, "z", *scale));
+  EXPECT_FALSE(only_read_by(t.ir, "y", *mul));
 }
 
 TEST(HelperQuant, QuantisationFacts) {

@@ -1035,6 +1035,256 @@ def pat_conv_on(b: Builder, x: str) -> None:
     b.node1("Conv", [x, b.const(w, "w")], FLOAT, s)
 
 
+# -- Transpose-Reshape neighbours, canonical forms, shuffles, duplicates ---
+
+
+def ones_moved(b: Builder, s: Shape) -> List[int]:
+    """``s`` with its size-1 axes in other places: same rank, same data order."""
+    rest = [d for d in s if d != 1]
+    ones = len(s) - len(rest)
+    slots = set(int(i) for i in b.rng.choice(len(s), size=ones, replace=False)) if ones else set()
+    it = iter(rest)
+    return [1 if i in slots else next(it) for i in range(len(s))]
+
+
+def split_in_place(b: Builder, s: Shape) -> Optional[List[int]]:
+    """``s`` with one axis split in two and one size-1 axis dropped: the same
+    rank, a Reshape that only splits axes."""
+    if 1 not in s:
+        return None
+    splittable = [i for i, d in enumerate(s) if d > 3 and any(d % f == 0 for f in range(2, d))]
+    if not splittable:
+        return None
+    i = b.pick_one(splittable)
+    f = b.pick_one([f for f in range(2, s[i]) if s[i] % f == 0])
+    out = list(s)
+    out[i : i + 1] = [f, s[i] // f]
+    out.remove(1)  # the two new sizes are above 1
+    return out
+
+
+def pat_tp_rs_neighbours(b: Builder) -> None:
+    """A Transpose beside a Reshape: Reshapes that only move size-1 axes, only
+    split axes (with a second Transpose behind), or move data; Transposes that
+    only move size-1 axes or really permute; sometimes a second reader of the
+    tensor between them, or a graph output there."""
+    x = b.pick_any(min_rank=2)
+    s = b.shape(x)
+
+    def target_for(shape: Shape) -> List[int]:
+        u = b.rng.random()
+        if u < 0.35:
+            return ones_moved(b, shape)
+        if u < 0.7:
+            t = split_in_place(b, shape)
+            if t is not None:
+                return t
+        return factor_shape(b, prod(shape))
+
+    if b.p(0.5):
+        t = transpose(b, x, choose_perm(b, s) or random_perm(b, len(s)))
+        mid = t
+        y = reshape(b, t, target_for(b.shape(t)))
+        if len(b.shape(y)) == len(b.shape(t)) and b.p(0.6):  # Transpose, Reshape, Transpose
+            transpose(b, y, random_perm(b, len(b.shape(y))))
+    else:
+        mid = reshape(b, x, target_for(s))
+        ms = b.shape(mid)
+        if len(ms) < 1:
+            raise Skip("scalar")
+        transpose(b, mid, choose_perm(b, ms) or random_perm(b, len(ms)))
+    if b.p(0.12):
+        b.node1("Relu" if b.elem(mid) == FLOAT else "Neg", [mid], b.elem(mid), b.shape(mid))
+
+
+def tensor_of(b: Builder, shape: Sequence[int]) -> str:
+    """A float tensor of ``shape``: an existing one reshaped when one of that
+    size exists, else a new graph input."""
+    n = prod(shape)
+    cands = [t for t in b.pool if b.elem(t) == FLOAT and prod(b.shape(t)) == n]
+    if cands and b.p(0.5):
+        t = b.pick_one(cands)
+        return t if b.shape(t) == tuple(shape) else reshape(b, t, list(shape))
+    return b.add_input(FLOAT, tuple(shape))
+
+
+def pat_channel_groups(b: Builder) -> None:
+    """4-D Reshape and Transpose on whole 16-channel groups: a perm that lets
+    the target run the Reshape in place, and Reshape, elementwise op, Reshape
+    with a broadcast operand that a Gather can widen (or cannot)."""
+    u = b.rng.random()
+    if u < 0.4:
+        x = tensor_of(b, (1, 16, 2, 8))
+        if b.p(0.5):
+            y = reshape(b, x, [1, 4, 16, 4])
+            transpose(b, y, b.pick_one([[0, 2, 1, 3], [0, 1, 3, 2], [0, 3, 2, 1]]))
+        else:
+            t = transpose(b, x, b.pick_one([[0, 2, 1, 3], [0, 1, 3, 2]]))
+            reshape(b, t, b.pick_one([[1, 16, 2, 8], [1, 4, 8, 8], [2, 8, 2, 8]]))
+        return
+    n, c, w = b.pick_one([(4, 16, 4), (2, 32, 2), (4, 16, 2)])
+    x = tensor_of(b, (n, c, 1, w))
+    a = reshape(b, x, [n // 2, 2, c, w])
+    op = b.pick_one(["Add", "Mul", "Sub", "Div"])
+    bshape = b.pick_one([(n // 2, 2, 1, w), (n // 2, 2, 1, 1), (1, 2, 1, w), (n // 2, 1, c, 1), (n // 2, 2, c, w)])
+    k = b.const(b.values(FLOAT, bshape, "nonzero" if op == "Div" else "random"))
+    ins = [a, k] if op == "Div" or b.p(0.6) else [k, a]
+    e = b.node1(op, ins, FLOAT, (n // 2, 2, c, w))
+    reshape(b, e, b.pick_one([[n // 2, 2 * c, 1, w], [n, c, 1, w], [n // 2, 2 * c, w, 1]]))
+
+
+def pat_inner_shuffle(b: Builder) -> None:
+    """Channels (or W) split into groups whose order a Transpose swaps, then
+    merged back: a channel shuffle, sometimes ahead of a 1x1 Conv, sometimes
+    with the shuffled tensor read twice."""
+    x = b.pick_float(rank=4) if b.p(0.5) else to_4d(b)
+    n, c, h, w = b.shape(x)
+    on_w = b.p(0.25)
+    d = w if on_w else c
+    groups = [g for g in range(2, d) if d % g == 0]
+    if not groups:
+        raise Skip("nothing to shuffle")
+    g = b.pick_one(groups)
+    if on_w:
+        split, perm = [n, c, h, g, w // g], [0, 1, 2, 4, 3]
+    else:
+        split, perm = [n, g, c // g, h, w], [0, 2, 1, 3, 4]
+    a = reshape(b, x, split)
+    t = transpose(b, a, perm)
+    y = reshape(b, t, [n, c, h, w])
+    if b.p(0.15):
+        b.node1("Relu", [t], FLOAT, b.shape(t))
+    if b.p(0.3):
+        pat_conv_on(b, y)
+
+
+def pat_gather_ranges(b: Builder) -> None:
+    """Gather of consecutive indices, of a whole axis, or of one index; near
+    misses with a gap, negative indices or a reversed run."""
+    x = b.pick_any(min_rank=1)
+    s = b.shape(x)
+    axis = b.randint(0, len(s) - 1)
+    d = s[axis]
+    u = b.rng.random()
+    if u < 0.3:
+        start = b.randint(0, d - 1)
+        ind = np.arange(start, b.randint(start + 1, d), dtype=np.int64) if start < d - 1 else np.array([start], np.int64)
+    elif u < 0.5:
+        ind = np.arange(d, dtype=np.int64) if b.p(0.6) else np.int64(b.randint(0, d - 1))
+    elif u < 0.65:
+        ind = np.arange(-d, 0, dtype=np.int64)[: b.randint(1, d)]
+    elif u < 0.8 and d > 2:
+        ind = np.array([0, 2], np.int64)
+    else:
+        ind = np.arange(d - 1, -1, -1, dtype=np.int64)
+    out = list(s[:axis]) + list(ind.shape) + list(s[axis + 1 :])
+    written = axis - len(s) if b.p(0.3) else axis
+    b.node1("Gather", [x, b.ints(ind, "idx")], b.elem(x), out, axis=written)
+
+
+def _sibling_parts(b: Builder, x: str, op: str):
+    """Inputs after ``x``, attributes and output shapes of one ``op`` reading
+    ``x``; constants are made per call, so twins hold equal values under two
+    names. None when ``op`` does not fit ``x``."""
+    e, s = b.elem(x), b.shape(x)
+    r = len(s)
+    if e != FLOAT and op in FLOAT_ONLY_SIBLINGS:
+        return None
+    if op in ("Relu", "Floor"):
+        return [], {}, [(e, s)]
+    if op == "Softmax":
+        return ([], {"axis": b.randint(-r, r - 1)}, [(e, s)]) if r else None
+    if op == "LeakyRelu":
+        return [], {"alpha": 0.1}, [(e, s)]
+    if op == "Cast":
+        return [], {"to": e}, [(e, s)]
+    if op in ("Sub", "Mul", "Equal"):
+        cs = b.other_shape(s, larger=False)
+        seed = int(b.rng.integers(1 << 30))
+        vals = np.random.default_rng(seed).standard_normal(cs).astype(np.float32)
+        return [lambda: b.const(vals if e == FLOAT else vals.astype(np.int64))], {}, [(BOOL if op == "Equal" else e, broadcast(s, cs))]
+    if op in ("MaxPool", "AveragePool") and r in (3, 4):
+        k = 1 if any(dd < 2 for dd in s[2:]) else b.pick_one([1, 2])
+        return [], {"kernel_shape": [k] * (r - 2)}, [(e, list(s[:2]) + [dd - k + 1 for dd in s[2:]])]
+    if op == "Reshape":
+        target = factor_shape(b, prod(s))
+        return [lambda: b.ints(target, "shape")], {}, [(e, target)]
+    if op == "Transpose" and r >= 1:
+        perm = random_perm(b, r)
+        return [], {"perm": perm}, [(e, [s[p] for p in perm])]
+    if op == "Slice" and r >= 1:
+        a = b.randint(0, r - 1)
+        st = b.randint(0, s[a] - 1)
+        en = b.randint(st + 1, s[a])
+        out = list(s)
+        out[a] = en - st
+        return [lambda: b.ints([st], "starts"), lambda: b.ints([en], "ends"), lambda: b.ints([a], "axes"), lambda: b.ints([1], "steps")], {}, [(e, out)]
+    if op == "Conv" and r == 4 and e == FLOAT:
+        m = b.randint(1, 4)
+        w = (b.rng.standard_normal((m, s[1], 1, 1)) / math.sqrt(s[1])).astype(np.float32)
+        return [lambda: b.const(w, "w")], {"kernel_shape": [1, 1]}, [(e, [s[0], m] + list(s[2:]))]
+    if op == "Expand":
+        target = list(b.other_shape(s))
+        return [lambda: b.ints(target, "shape")], {}, [(e, broadcast(s, target))]
+    if op == "Split" and r >= 1 and max(s) >= 2:
+        a = b.pick_one([i for i in range(r) if s[i] >= 2])
+        parts = random_parts(b, s[a], 2)
+        outs = [(e, s[:a] + (p_,) + s[a + 1 :]) for p_ in parts]
+        return [lambda: b.ints(parts, "split")], {"axis": a}, outs
+    if op == "Gather" and r >= 1:
+        a = b.randint(0, r - 1)
+        ind = b.rng.integers(0, s[a], b.randint(1, 3)).astype(np.int64)
+        return [lambda: b.ints(ind, "idx")], {"axis": a}, [(e, s[:a] + (len(ind),) + s[a + 1 :])]
+    if op == "ScatterND" and r >= 1:
+        m = b.randint(1, s[0])
+        ind = np.arange(m, dtype=np.int64).reshape(m, 1)
+        upd = b.values(e, (m,) + s[1:])
+        return [lambda: b.ints(ind, "idx"), lambda: b.const(upd)], {}, [(e, s)]
+    if op == "Concat" and r >= 1:
+        return ["x"], {"axis": 0}, [(e, (2 * s[0],) + s[1:])]
+    return None
+
+
+FLOAT_ONLY_SIBLINGS = {"Relu", "Floor", "Softmax", "LeakyRelu", "MaxPool", "AveragePool", "Conv"}
+SIBLING_OPS = ["Relu", "MaxPool", "AveragePool", "Reshape", "Transpose", "Slice", "Softmax", "Cast", "Sub",
+               "LeakyRelu", "Conv", "Equal", "Mul", "Expand", "Split", "Gather", "ScatterND", "Floor", "Concat"]
+
+
+def pat_siblings(b: Builder) -> None:
+    """Two or three nodes of one op type on one tensor, computing the same
+    thing (constants equal under other names) or nearly (another attribute,
+    another constant, operands swapped, one with a graph output)."""
+    x = b.pick_any()
+    op = b.pick_one(SIBLING_OPS)
+    parts = _sibling_parts(b, x, op)
+    if parts is None:
+        raise Skip(op)
+    extra, attrs, outs = parts
+    if any(o[1] is None for o in outs):
+        raise Skip("does not broadcast")
+    shared = [f() if callable(f) and b.p(0.5) else f for f in extra]
+    for k in range(b.randint(2, 3)):
+        near_miss = k > 0 and b.p(0.25)
+        ins = [x] + [x if f == "x" else (f() if callable(f) else f) for f in shared]
+        a, o = dict(attrs), outs
+        if near_miss:
+            if op in ("Sub", "Mul", "Equal") and b.p(0.5):
+                ins = [ins[1], ins[0]]
+            elif "alpha" in a:
+                a["alpha"] = 0.2
+            elif op == "Softmax" and len(b.shape(x)) > 1:
+                a["axis"] = (a["axis"] + 1) % len(b.shape(x))
+            elif op == "Transpose":
+                a = {"perm": ones_only_perm(b, b.shape(x))}
+                o = [(b.elem(x), [b.shape(x)[p] for p in a["perm"]])]
+        names = b.node(op, ins, o, **a)
+        for name, (e, _) in zip(names, o):
+            if e == BOOL:
+                b.node1("Cast", [name], FLOAT, b.shape(name), to=FLOAT)
+            elif b.p(0.5):
+                b.node1("Neg" if e != FLOAT or b.p(0.5) else "Relu", [name], e, b.shape(name))
+
+
 PATTERNS: List[Tuple[Callable[[Builder], None], float]] = [
     (pat_transpose, 8),
     (pat_transpose_pair, 8),
@@ -1067,6 +1317,11 @@ PATTERNS: List[Tuple[Callable[[Builder], None], float]] = [
     (pat_resize, 2),
     (pat_fanout, 4),
     (pat_nhwc_region, 8),
+    (pat_tp_rs_neighbours, 6),
+    (pat_channel_groups, 3),
+    (pat_inner_shuffle, 3),
+    (pat_gather_ranges, 3),
+    (pat_siblings, 6),
 ]
 _WEIGHTS = np.array([w for _, w in PATTERNS], dtype=float)
 _WEIGHTS /= _WEIGHTS.sum()

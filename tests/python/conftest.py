@@ -137,3 +137,34 @@ def tmp_model(tmp_path):
         return str(path)
 
     return save
+
+
+def call_rule(model: onnx.ModelProto, proc_name: str, node_names, quant_tab=None):
+    """Calls a rule by name on the named nodes, as the compiler does, and applies
+    its result. Returns (removed node names, added op types, model after). When
+    the rule does not apply, the model after must be the model before; when it
+    does, the result must pass the full checker and keep I/O names and numbers."""
+    from tolm.api.ir_graph import IRGraph
+    from tolm.api.rules import reduce
+
+    ir = IRGraph(model)
+    before = ir.to_onnx().SerializeToString()
+    by_name = {n.name: n for n in ir.node}
+    remove, add = getattr(reduce, proc_name)(ir, [by_name[n] for n in node_names], quant_tab)
+    removed, added = [n.name for n in remove], [n.op_type for n in add]
+    if not remove and not add:
+        assert ir.to_onnx().SerializeToString() == before, "a rule that does not apply changed the graph"
+        return removed, added, None
+    ir.apply(remove, add)
+    out = ir.to_onnx()
+    onnx.checker.check_model(out, full_check=True)
+    assert [i.name for i in out.graph.input] == [i.name for i in model.graph.input]
+    assert_same_outputs(model, out)
+    return removed, added, out
+
+
+def op_counts(model: onnx.ModelProto) -> Dict[str, int]:
+    counts: Dict[str, int] = {}
+    for n in model.graph.node:
+        counts[n.op_type] = counts.get(n.op_type, 0) + 1
+    return counts
