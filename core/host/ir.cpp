@@ -371,17 +371,20 @@ void IR::sort_consumers(NodeList& list) const {
 }
 
 namespace {
-// Distinct readers of one index entry, appended to `out`.
-void append_readers(const TensorInfo& ti, NodeList& out, size_t from) {
-  for (const auto& u : ti.uses) {
-    bool seen = false;
-    for (size_t k = from; k < out.size(); ++k)
-      if (out[k].get() == u.first) {
-        seen = true;
-        break;
-      }
-    if (!seen) out.push_back(u.first->shared_from_this());
+// Distinct readers of one index entry, appended to `out` (which holds no
+// reader of it yet): sorted and made unique as plain pointers, so a tensor
+// read by thousands of nodes costs a sort, not a quadratic scan.
+void append_readers(const TensorInfo& ti, NodeList& out) {
+  if (ti.uses.size() == 1) {
+    out.push_back(ti.uses[0].first->shared_from_this());
+    return;
   }
+  std::vector<Node*> readers;
+  readers.reserve(ti.uses.size());
+  for (const auto& u : ti.uses) readers.push_back(u.first);
+  std::sort(readers.begin(), readers.end());
+  readers.erase(std::unique(readers.begin(), readers.end()), readers.end());
+  for (Node* r : readers) out.push_back(r->shared_from_this());
 }
 }  // namespace
 
@@ -389,7 +392,7 @@ NodeList IR::next_nodes(const std::string& t) const {
   NodeList out;
   const TensorInfo* ti = tensors_.find(t);
   if (!ti) return out;
-  append_readers(*ti, out, 0);
+  append_readers(*ti, out);
   sort_consumers(out);
   return out;
 }
@@ -408,14 +411,13 @@ NodeList IR::next_nodes(const Node& node) const {
     const TensorInfo* ti = port_info(node, true, i);
     if (!ti) continue;
     const size_t from = out.size();
-    append_readers(*ti, out, from);
-    NodeList part(out.begin() + static_cast<std::ptrdiff_t>(from), out.end());
-    out.resize(from);
+    NodeList part;
+    append_readers(*ti, part);
     sort_consumers(part);
     // A reader of an earlier output keeps its first place.
     for (auto& n : part)
-      if (std::find(out.begin(), out.begin() + static_cast<std::ptrdiff_t>(from), n) ==
-          out.begin() + static_cast<std::ptrdiff_t>(from))
+      if (from == 0 || std::find(out.begin(), out.begin() + static_cast<std::ptrdiff_t>(from), n) ==
+                           out.begin() + static_cast<std::ptrdiff_t>(from))
         out.push_back(std::move(n));
   }
   return out;

@@ -75,11 +75,31 @@ struct TableIndex {
   }
 };
 
-bool is_paused(const IR& ir, const std::string& key, const Node& n) {
-  auto it = ir.op_ruler_pause.find(key);
-  if (it == ir.op_ruler_pause.end()) return false;
-  return std::find(it->second.begin(), it->second.end(), n.name()) != it->second.end();
-}
+// Membership in ir.op_ruler_pause without scanning its lists: rules only
+// append to them, so each list's new tail is indexed when next asked about;
+// a list that got shorter is indexed again from the start.
+class PauseIndex {
+ public:
+  bool paused(const IR& ir, const std::string& key, const Node& n) {
+    auto it = ir.op_ruler_pause.find(key);
+    if (it == ir.op_ruler_pause.end()) return false;
+    const std::vector<std::string>& list = it->second;
+    Entry& e = index_[key];
+    if (list.size() < e.seen) {
+      e.names.clear();
+      e.seen = 0;
+    }
+    for (; e.seen < list.size(); ++e.seen) e.names.insert(list[e.seen]);
+    return e.names.count(n.name()) != 0;
+  }
+
+ private:
+  struct Entry {
+    size_t seen = 0;
+    std::unordered_set<std::string> names;
+  };
+  std::unordered_map<std::string, Entry> index_;
+};
 
 bool reads_output_of(const Node& consumer, const Node& producer) {
   for (const auto& t : consumer.input)
@@ -339,7 +359,7 @@ class Driver {
       const Row& row = (*table.rows)[r];
       if (!ir_.contains(*n) || n->op_type() != (row.n_pre_nodes.empty() ? row.ops.front() : row.ops.back()))
         return false;
-      if (is_paused(ir_, row.key, *n)) continue;
+      if (pauses_.paused(ir_, row.key, *n)) continue;
       const std::pair<size_t, uint64_t> row_at{r + (&table == &fuse_ ? 1000 : 0), n->uid()};
       // A rule that broke its contract at this node is not asked again there.
       if (!faulted_.empty() && faulted_.count(row_at)) continue;
@@ -428,6 +448,7 @@ class Driver {
   std::unordered_map<uint64_t, int> depth_;  // node uid -> limit rewrites behind it
   std::unordered_set<std::pair<size_t, uint64_t>, PairHash> faulted_;
   std::unordered_map<std::string, uint8_t> lists_of_op_;
+  PauseIndex pauses_;
   DriverStats stats_;
   int64_t budget_;
   bool strict_;
