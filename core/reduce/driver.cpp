@@ -253,7 +253,8 @@ class Driver {
  public:
   Driver(IR& ir, const std::vector<Row>& first, const std::vector<Row>& second, QuantTable* qt,
          const DriverOptions& opt)
-      : ir_(ir), qt_(qt), cvt_(first), fuse_(second), strict_(opt.strict) {
+      : ir_(ir), qt_(qt), cvt_(first), fuse_(second), strict_(opt.strict),
+        fold_(opt.fold ? &opt.fold_options : nullptr) {
     budget_ = opt.max_rewrites > 0 ? opt.max_rewrites
                                    : 20 * static_cast<int64_t>(ir.node_count()) + 10000;
   }
@@ -316,7 +317,23 @@ class Driver {
     return false;
   }
 
+  // A node that folds (its inputs became constant, say) is folded before
+  // any rule looks at it.
+  bool try_fold(const NodePtr& n) {
+    if (!fold_ || fold_faulted_.count(n->uid())) return false;
+    try {
+      if (!fold_step(ir_, *n, *fold_, stats_.fold)) return false;
+    } catch (const std::exception& e) {
+      fold_faulted_.insert(n->uid());
+      report_fault(stats_, strict_, "fold at " + n->name() + ": " + e.what());
+      return false;
+    }
+    requeue_touched();
+    return true;
+  }
+
   bool try_rows(const TableIndex& table, const NodePtr& n, bool limited) {
+    if (try_fold(n)) return true;
     const auto& index = limited ? table.limited : table.regular;
     auto it = index.find(n->op_type());
     if (it == index.end()) return false;
@@ -369,16 +386,21 @@ class Driver {
       for (const auto& n : res.add) depth_[n->uid()] = depth;
     ++stats_.fired[row.key];
     ++stats_.rewrites;
-    remove_released();
-    std::vector<NodePtr> touched = ir_.take_touched();
-    for (auto it = touched.rbegin(); it != touched.rend(); ++it)
-      if (ir_.contains(**it)) push_all_front(*it);
+    requeue_touched();
     if (stats_.rewrites >= budget_) {
       stats_.converged = false;
       tolmLog::w("reduce stopped after " + std::to_string(stats_.rewrites) +
                  " rewrites without reaching a fixed point");
     }
     return true;
+  }
+
+  // After an edit: dead producers go, and the nodes it touched come up next.
+  void requeue_touched() {
+    remove_released();
+    std::vector<NodePtr> touched = ir_.take_touched();
+    for (auto it = touched.rbegin(); it != touched.rend(); ++it)
+      if (ir_.contains(**it)) push_all_front(*it);
   }
 
   // Producers whose outputs lost their last reader go, and so on upwards.
@@ -415,6 +437,8 @@ class Driver {
   DriverStats stats_;
   int64_t budget_;
   bool strict_;
+  const FoldOptions* fold_;
+  std::unordered_set<uint64_t> fold_faulted_;  // node uids where a fold step threw
 };
 
 }  // namespace
@@ -525,7 +549,13 @@ DriverStats run_tables(IR& ir, const std::vector<Row>& first, const std::vector<
                              ? options.max_rewrites
                              : 20 * static_cast<int64_t>(ir.node_count()) + 10000;
   for (int round = 0;; ++round) {
-    int64_t changed = round == 0 ? make_reshape_shapes_explicit(ir) : 0;
+    int64_t changed = 0;
+    if (round == 0 && options.fold) {
+      const FoldStats folded = fold_graph(ir, options.fold_options);
+      total.fold.add(folded);
+      changed += folded.steps;
+    }
+    if (round == 0) changed += make_reshape_shapes_explicit(ir);
     // Dead readers in the input would block rules that want a single reader.
     if (options.prune) {
       const int64_t dead = prune_dead(ir);
@@ -542,12 +572,13 @@ DriverStats run_tables(IR& ir, const std::vector<Row>& first, const std::vector<
     total.attempts += s.attempts;
     total.pruned_nodes += s.pruned_nodes;
     total.rule_faults.insert(total.rule_faults.end(), s.rule_faults.begin(), s.rule_faults.end());
+    total.fold.add(s.fold);
     if (options.prune) {
       const int64_t dead = prune_dead(ir);
       total.pruned_nodes += dead;
       changed += dead;
     }
-    changed += s.rewrites;
+    changed += s.rewrites + s.fold.steps;
     if (!s.converged || total.rewrites >= budget) {
       total.converged = false;
       break;

@@ -26,6 +26,15 @@ def _op_counts(model: onnx.ModelProto) -> Dict[str, int]:
     return dict(sorted(counts.items()))
 
 
+def _fold_report(stats: dict) -> dict:
+    return {
+        "removed_nodes": stats["removed_nodes"],
+        "folded": dict(sorted(stats["folded"].items())),
+        "fusions": dict(sorted(stats["fusions"].items())),
+        "kept_by_size": list(stats["kept_by_size"]),
+    }
+
+
 def reduce(
     model,
     target: str = "npu_c",
@@ -33,13 +42,20 @@ def reduce(
     input_shapes: Optional[Mapping[str, Sequence[int]]] = None,
     check: int = 0,
     strict: Optional[bool] = None,
+    fold: bool = True,
+    matmul_add_to_gemm: bool = False,
 ) -> Tuple[onnx.ModelProto, dict]:
     """Reduces a model (ModelProto, serialized bytes or path).
 
     ``quant_tab`` (tensor name -> {"min", "max", "name"}) is updated in place
     by the rules that move quantisation records. With ``check`` > 0 the reduced
     model is compared with the original in onnxruntime on that many random
-    input sets. Returns ``(reduced_model, report)``."""
+    input sets. ``fold`` folds what is constant (shape arithmetic on static
+    shapes, If nodes with a constant condition, Identity on weights) and
+    applies the standard fusions (BatchNormalization and zero Pad into Conv,
+    constant Add into a Conv bias, chains of Mul or Add by constants);
+    ``matmul_add_to_gemm`` also turns MatMul + constant Add into Gemm.
+    Returns ``(reduced_model, report)``."""
     from tolm.api.ir_graph import IRGraph, check_target, normalize_input_shapes, read_model_bytes
     from tolm.api.rules import reduce as rules
 
@@ -55,7 +71,7 @@ def reduce(
     t1 = time.perf_counter()
     ops_before = ir.op_counts()
     rules.clear_log_history()
-    stats = rules.run_reduce(ir, quant_tab, strict=strict)
+    stats = rules.run_reduce(ir, quant_tab, strict=strict, fold=fold, matmul_add_to_gemm=matmul_add_to_gemm)
     t2 = time.perf_counter()
     reduced = ir.to_onnx()
     t3 = time.perf_counter()
@@ -72,6 +88,7 @@ def reduce(
         "pruned_nodes": stats["pruned_nodes"],
         "converged": stats["converged"],
         "rule_faults": list(stats["rule_faults"]),
+        "fold": _fold_report(stats["fold"]) if fold else None,
         "unavailable_rules": list(rules.unavailable_rules()),
         "log": list(rules.log_history()),
         "times": {"load": t1 - t0, "reduce": t2 - t1, "save": t3 - t2},
@@ -120,6 +137,17 @@ def format_report(report: dict) -> str:
         f"rewrites {report['rewrites']}, rule calls {report['attempts']}, "
         f"pruned nodes {report['pruned_nodes']}" + ("" if report["converged"] else ", stopped at the rewrite limit")
     )
+    fold = report.get("fold")
+    if fold is None:
+        lines.append("folding off")
+    else:
+        lines.append(f"folding removed {fold['removed_nodes']} node(s)")
+        if fold["folded"]:
+            lines.append("  folded: " + ", ".join(f"{op} {n}" for op, n in fold["folded"].items()))
+        if fold["fusions"]:
+            lines.append("  fused: " + ", ".join(f"{k} {n}" for k, n in fold["fusions"].items()))
+        if fold["kept_by_size"]:
+            lines.append(f"  kept by the size limit: {len(fold['kept_by_size'])} node(s)")
     faults = report.get("rule_faults") or []
     if faults:
         lines.append(f"{len(faults)} rule fault(s), each undone:")
