@@ -419,6 +419,14 @@ bool eval_reduce(const EvalContext& ctx, Outputs& out) {
         r = xt::cast<T>(d);
       } else {
         if (op == Reduce::kMean) return false;
+        // The runtime's integer reductions may go through double, and what
+        // they do past its 53 bits (or on overflow) is theirs: only results
+        // every way of summing gets exactly fold.
+        const xt::xarray<double> mag = xt::abs(to_xarray<double>(*a));
+        const xt::xarray<double> bound = op == Reduce::kProd ? xt::xarray<double>(xt::prod(mag, over))
+                                                             : xt::xarray<double>(xt::sum(mag, over));
+        const int bits = std::min(std::numeric_limits<T>::digits - 1, 53);
+        if (xt::any(bound >= std::ldexp(1.0, bits))) return false;
         const xt::xarray<uint64_t> x = xt::cast<uint64_t>(to_xarray<T>(*a));
         const xt::xarray<uint64_t> u = op == Reduce::kProd ? xt::xarray<uint64_t>(xt::prod<uint64_t>(x, over))
                                                            : xt::xarray<uint64_t>(xt::sum<uint64_t>(x, over));
