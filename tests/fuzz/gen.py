@@ -1056,7 +1056,7 @@ def pat_const_subgraph(b: Builder) -> None:
             t = transpose(b, c, perm)
             c = transpose(b, t, inverse_perm(perm))
         elif u < 0.65:
-            other = b.const(b.values(e, b.other_shape(cs, larger=False)))
+            other = b.const(b.values(e, cs if b.p(0.6) else ()))
             c = b.node1(b.pick_one(["Add", "Mul", "Sub"]), [c, other], e, cs, pool=share)
         elif u < 0.8:
             flat = b.node1("Reshape", [c, b.ints([-1], "shape")], e, [prod(cs)], pool=share)
