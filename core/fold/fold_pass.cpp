@@ -50,7 +50,11 @@ void replace_nodes(IR& ir, const NodeList& old, const NodePtr& fresh) {
     ir.remove_node(*n);
   }
   ir.add_node(fresh, order);
-  infer_node(ir, *fresh, false);
+  for (const auto& t : fresh->output)
+    if (!t.empty() && !ir.has_shape(t)) {
+      infer_node(ir, *fresh, false);
+      break;
+    }
 }
 
 bool fold_identity_of_constant(IR& ir, Node& node, FoldStats& stats) {
@@ -74,6 +78,16 @@ int64_t allowed_bytes(const FoldOptions& o, int64_t input_bytes) {
   return std::min(o.max_bytes, std::max(o.free_bytes, by_growth));
 }
 
+// A shape is only fixed if every dynamic-shape profile of the model agrees
+// with it.
+bool same_in_every_profile(const IR& ir, const std::string& t, const Shape& shape) {
+  auto it = ir.dynamic_shapes.find(t);
+  if (it == ir.dynamic_shapes.end()) return true;
+  for (const Shape& s : it->second)
+    if (s != shape) return false;
+  return true;
+}
+
 }  // namespace
 
 bool fold_constant_node(IR& ir, Node& node, const FoldOptions& options, FoldStats& stats) {
@@ -85,6 +99,16 @@ bool fold_constant_node(IR& ir, Node& node, const FoldOptions& options, FoldStat
   // producer: it stays.
   for (const auto& t : node.output)
     if (is_constant && ir.is_output(t)) return false;
+  // The common case first, with no name looked up: an input that is no
+  // constant and not made by a Constant node.
+  if (ev->needs != Needs::kStaticShape) {
+    const size_t known = ev->needs == Needs::kValues ? node.input.size() : std::min<size_t>(1, node.input.size());
+    for (size_t i = 0; i < known; ++i) {
+      const TensorInfo* ti = ir.port_tensor(node, false, i);
+      if (!ti || ti->constant) continue;
+      if (ti->producers.empty() || ti->producers.back()->op_type() != "Constant") return false;
+    }
+  }
 
   EvalContext ctx{node, std::vector<EvalInput>(node.input.size()), ir.opset(), {}};
   std::vector<NDArray> holders(node.input.size());
@@ -114,7 +138,7 @@ bool fold_constant_node(IR& ir, Node& node, const FoldOptions& options, FoldStat
         if (first ? !e.value : e.dtype == dt::UNDEFINED) return false;
         break;
       case Needs::kStaticShape:
-        if (first && !e.shape) return false;
+        if (first && (!e.shape || !same_in_every_profile(ir, t, *e.shape))) return false;
         break;
     }
   }
@@ -160,12 +184,16 @@ bool fold_constant_node(IR& ir, Node& node, const FoldOptions& options, FoldStat
 // Reshape target or Pad widths that were computed, and now folded) gets its
 // outputs inferred, so that Shape and Size further down can fold too.
 bool infer_missing_outputs(IR& ir, Node& node) {
+  auto shaped = [&](bool is_output, size_t i) {
+    const TensorInfo* ti = ir.port_tensor(node, is_output, i);
+    return !ti || ti->has_shape;
+  };
   bool missing = false;
-  for (const auto& t : node.output)
-    if (!t.empty() && !ir.has_shape(t)) missing = true;
+  for (size_t i = 0; i < node.output.size(); ++i)
+    if (!shaped(true, i)) missing = true;
   if (!missing) return false;
-  for (const auto& t : node.input)
-    if (!t.empty() && !ir.has_shape(t)) return false;
+  for (size_t i = 0; i < node.input.size(); ++i)
+    if (!shaped(false, i)) return false;
   ir.begin_edit();
   try {
     infer_node(ir, node, false);

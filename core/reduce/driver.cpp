@@ -25,6 +25,9 @@ constexpr int kMaxMatchesPerAnchor = 32;
 // Rounds of the whole tables; one more than needed is the one that finds
 // nothing left to do.
 constexpr int kMaxRounds = 8;
+// Node::work_flags bit: queued since the fold pass last looked at it. The
+// worklists use the bits 1 to 8, fold_graph 0x10.
+constexpr uint8_t kFoldPending = 0x20;
 
 // A FIFO of nodes, each queued at most once at a time. Membership is a bit
 // on the node, so queueing costs no lookup however large the graph.
@@ -283,12 +286,14 @@ class Driver {
 
  private:
   void push_all(const NodePtr& n) {
+    n->work_flags |= kFoldPending;
     cvt_regular_.push(n);
     fuse_regular_.push(n);
     cvt_limited_.push(n);
     fuse_limited_.push(n);
   }
   void push_all_front(const NodePtr& n) {
+    n->work_flags |= kFoldPending;
     cvt_regular_.push_front(n);
     fuse_regular_.push_front(n);
     cvt_limited_.push_front(n);
@@ -318,9 +323,12 @@ class Driver {
   }
 
   // A node that folds (its inputs became constant, say) is folded before
-  // any rule looks at it.
+  // any rule looks at it: once each time it is queued, whichever worklist
+  // it comes up on first.
   bool try_fold(const NodePtr& n) {
-    if (!fold_ || fold_faulted_.count(n->uid())) return false;
+    if (!fold_ || !(n->work_flags & kFoldPending)) return false;
+    n->work_flags &= static_cast<uint8_t>(~kFoldPending);
+    if (fold_faulted_.count(n->uid())) return false;
     try {
       if (!fold_step(ir_, *n, *fold_, stats_.fold)) return false;
     } catch (const std::exception& e) {

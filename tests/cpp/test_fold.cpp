@@ -111,6 +111,20 @@ TEST(Fold, ResultsOverTheBudgetStay) {
   EXPECT_EQ(op_types(t.ir), (names{"Add"}));
 }
 
+TEST(Fold, ShapesThatDynamicProfilesChangeAreNotFolded) {
+  TestGraph t;
+  t.input("x", {2, 3});
+  t.node("Shape", {"x"}, {"s"});
+  t.node("Size", {"x"}, {"n"});
+  t.output("s").output("n");
+  t.ir.dynamic_shapes["x"] = {{2, 3}, {4, 3}};
+  fold_graph(t.ir);
+  EXPECT_EQ(op_types(t.ir), (names{"Shape", "Size"}));
+  t.ir.dynamic_shapes["x"] = {{2, 3}, {2, 3}};
+  fold_graph(t.ir);
+  EXPECT_EQ(op_types(t.ir), (names{"Constant", "Constant"}));
+}
+
 TEST(Fold, RecordedShapesThatDisagreeLeaveTheNode) {
   TestGraph t;
   t.const_f32("a", {1, 2, 3});
