@@ -5,6 +5,9 @@
 // contract fails the test. Values against onnxruntime: tests/python.
 #include <gtest/gtest.h>
 
+#include <climits>
+#include <optional>
+
 #include "fold/fold.h"
 #include "graph_dsl.h"
 #include "host/onnx_io.h"
@@ -217,6 +220,53 @@ TEST(Fold, DriverFoldsWhatARewriteMakesConstantAndTablesFinishTheJob) {
   const DriverStats off = run_reduce(u.ir, nullptr, opt);
   EXPECT_EQ(op_types(u.ir), (names{"Shape", "Reshape"}));
   EXPECT_EQ(off.fold.steps, 0);
+}
+
+// One node on constants, folded: its value, or nothing if it stayed.
+std::optional<NDArray> fold_one(const std::string& op, const std::vector<NDArray>& inputs,
+                                std::initializer_list<A> attrs = {}) {
+  TestGraph t;
+  names ins;
+  for (size_t k = 0; k < inputs.size(); ++k) {
+    ins.push_back("in" + std::to_string(k));
+    t.constant(ins.back(), inputs[k]);
+  }
+  t.node(op, ins, {"v"}, attrs, "op");
+  t.input("x", {});
+  t.node("Identity", {"v"}, {"y"});
+  t.output("y");
+  fold_graph(t.ir);
+  if (!t.ir.is_const("v")) return std::nullopt;
+  return *t.ir.get_const("v");
+}
+
+NDArray i64s(const ints& v) { return NDArray::from_i64(v); }
+
+TEST(Fold, ExtremeIntegersWrapOrStayAsTheRuntimeHasThem) {
+  // Run under the sanitizers, these would show any overflow of our own.
+  constexpr int64_t kMin = INT64_MIN, kMax = INT64_MAX;
+  EXPECT_EQ(fold_one("Neg", {i64s({kMin, 3})})->to_i64(), (ints{kMin, -3}));
+  EXPECT_EQ(fold_one("Abs", {NDArray::from_i64({-128, -5}, dt::INT8)})->to_i64(), (ints{-128, 5}));
+  EXPECT_EQ(fold_one("Sub", {i64s({kMin}), i64s({1})})->to_i64(), (ints{kMax}));
+  EXPECT_EQ(fold_one("Mul", {NDArray::from_i64({65537}, dt::INT32), NDArray::from_i64({65537}, dt::INT32)})->to_i64(),
+            (ints{131073}));
+  EXPECT_EQ(fold_one("Mul", {NDArray::from_i64({65535}, dt::UINT16), NDArray::from_i64({65535}, dt::UINT16)})->to_i64(),
+            (ints{1}));
+  EXPECT_EQ(fold_one("Div", {i64s({-7}), i64s({2})})->to_i64(), (ints{-3}));
+  EXPECT_FALSE(fold_one("Div", {i64s({kMin}), i64s({-1})}));
+  EXPECT_FALSE(fold_one("Div", {i64s({1}), i64s({0})}));
+  EXPECT_FALSE(fold_one("Cast", {NDArray::from_f64({3e9}, {1}, dt::FLOAT)}, {{"to", int64_t(dt::INT32)}}));
+  EXPECT_FALSE(fold_one("ReduceSum", {i64s({kMax, kMax})}));
+  const NDArray six = i64s({0, 1, 2, 3, 4, 5});
+  EXPECT_EQ(fold_one("Slice", {six, i64s({kMax}), i64s({kMin}), i64s({0}), i64s({kMin})})->to_i64(), (ints{5}));
+  EXPECT_EQ(fold_one("Slice", {six, i64s({kMin}), i64s({kMax}), i64s({0}), i64s({kMax})})->to_i64(), (ints{0}));
+  EXPECT_EQ(fold_one("Slice", {six, i64s({-2}), i64s({kMin}), i64s({0}), i64s({-2})})->to_i64(), (ints{4, 2, 0}));
+  const NDArray square = NDArray::from_i64({1, 2, 3, 4}, {2, 2});
+  EXPECT_EQ(fold_one("Trilu", {square, NDArray::scalar_i64(kMax)})->to_i64(), (ints{0, 0, 0, 0}));
+  EXPECT_EQ(fold_one("Trilu", {square, NDArray::scalar_i64(kMin)}, {{"upper", 0}})->to_i64(), (ints{0, 0, 0, 0}));
+  EXPECT_EQ(fold_one("Range", {NDArray::scalar_i64(5), NDArray::scalar_i64(-4), NDArray::scalar_i64(-3)})->to_i64(),
+            (ints{5, 2, -1}));
+  EXPECT_FALSE(fold_one("Range", {NDArray::scalar_i64(0), NDArray::scalar_i64(kMax), NDArray::scalar_i64(1)}));
 }
 
 TEST(Fold, LongChainFoldsInOnePass) {
