@@ -63,16 +63,16 @@ uint64_t next_uid() {
 
 Node::Node(Token) : input(this, false), output(this, true), uid_(next_uid()) {}
 
-NodePtr Node::make(const std::string& op_type, const std::vector<std::string>& inputs,
-                   const std::vector<std::string>& outputs, const std::string& name,
-                   const std::vector<Attr>& attrs, const std::string& domain) {
+NodePtr Node::make(std::string op_type, std::vector<std::string> inputs,
+                   std::vector<std::string> outputs, std::string name, std::vector<Attr> attrs,
+                   std::string domain) {
   auto n = std::make_shared<Node>(Token{});
-  n->op_type_ = op_type;
-  n->name_ = name;
-  n->domain = domain;
-  n->input.names_ = inputs;
-  n->output.names_ = outputs;
-  n->attribute_ = attrs;
+  n->op_type_ = std::move(op_type);
+  n->name_ = std::move(name);
+  n->domain = std::move(domain);
+  n->input.names_ = std::move(inputs);
+  n->output.names_ = std::move(outputs);
+  n->attribute_ = std::move(attrs);
   return n;
 }
 
@@ -136,38 +136,48 @@ IR::~IR() {
 }
 
 TensorInfo& IR::info(const std::string& t) {
-  auto it = tensors_.try_emplace(t).first;
-  it->second.name = &it->first;
-  return it->second;
+  if (TensorInfo* ti = tensors_.find(t)) return *ti;
+  TensorInfo* ti;
+  if (!free_tensors_.empty()) {
+    ti = free_tensors_.back();
+    free_tensors_.pop_back();
+  } else {
+    ti = &tensor_store_.emplace_back();
+  }
+  ti->name = t;
+  tensors_.insert(ti);
+  return *ti;
 }
 
-const TensorInfo* IR::tensor(const std::string& t) const {
-  auto it = tensors_.find(t);
-  return it == tensors_.end() ? nullptr : &it->second;
+void IR::drop_tensor(TensorInfo& ti) {
+  tensors_.erase(&ti);
+  ti = TensorInfo();
+  free_tensors_.push_back(&ti);
 }
+
+const TensorInfo* IR::tensor(const std::string& t) const { return tensors_.find(t); }
 
 Shape IR::get_shape(const std::string& t) const {
-  auto it = tensors_.find(t);
-  if (it == tensors_.end() || !it->second.has_shape) return {};
-  return it->second.shape;
+  const TensorInfo* ti = tensors_.find(t);
+  if (!ti || !ti->has_shape) return {};
+  return ti->shape;
 }
 
 bool IR::has_shape(const std::string& t) const {
-  auto it = tensors_.find(t);
-  return it != tensors_.end() && it->second.has_shape;
+  const TensorInfo* ti = tensors_.find(t);
+  return ti && ti->has_shape;
 }
 
 void IR::set_shape(const std::string& t, const Shape& shape, bool check_size, int32_t dtype) {
-  auto found = tensors_.find(t);
-  if (found != tensors_.end() && found->second.has_shape && found->second.shape == shape &&
-      (dtype == dt::UNDEFINED || dtype == found->second.dtype))
+  TensorInfo* found = tensors_.find(t);
+  if (found && found->has_shape && found->shape == shape &&
+      (dtype == dt::UNDEFINED || dtype == found->dtype))
     return;
-  if (check_size && found != tensors_.end() && found->second.has_shape &&
-      shape_size(found->second.shape) != shape_size(shape)) {
+  if (check_size && found && found->has_shape && shape_size(found->shape) != shape_size(shape)) {
     throw std::logic_error("set_shape changes the element count of " + t);
   }
   record_tensor(t);
-  TensorInfo& ti = info(t);
+  TensorInfo& ti = found ? *found : info(t);
   ti.shape = shape;
   ti.has_shape = true;
   if (dtype != dt::UNDEFINED) ti.dtype = dtype;
@@ -176,25 +186,25 @@ void IR::set_shape(const std::string& t, const Shape& shape, bool check_size, in
 }
 
 void IR::clear_shape(const std::string& t) {
-  auto it = tensors_.find(t);
-  if (it == tensors_.end() || !it->second.has_shape) return;
+  TensorInfo* ti = tensors_.find(t);
+  if (!ti || !ti->has_shape) return;
   record_tensor(t);
-  it->second.has_shape = false;
-  it->second.shape.clear();
-  touch_tensor_neighbours(&it->second);
+  ti->has_shape = false;
+  ti->shape.clear();
+  touch_tensor_neighbours(ti);
 }
 
 int32_t IR::get_dtype(const std::string& t) const {
-  auto it = tensors_.find(t);
-  if (it != tensors_.end() && it->second.dtype != dt::UNDEFINED) return it->second.dtype;
+  const TensorInfo* ti = tensors_.find(t);
+  if (ti && ti->dtype != dt::UNDEFINED) return ti->dtype;
   auto c = consts_.find(t);
   if (c != consts_.end()) return c->second.dtype();
   return dt::UNDEFINED;
 }
 
 void IR::set_dtype(const std::string& t, int32_t dtype) {
-  auto it = tensors_.find(t);
-  if (it != tensors_.end() && it->second.dtype == dtype) return;
+  const TensorInfo* found = tensors_.find(t);
+  if (found && found->dtype == dtype) return;
   record_tensor(t);
   TensorInfo& ti = info(t);
   ti.dtype = dtype;
@@ -263,14 +273,13 @@ void IR::rename_node(Node& node, const std::string& name) {
     return;
   }
   if (node.name_ == name) return;
-  auto other = by_name_.find(name);
-  if (name.empty() || (other != by_name_.end() && other->second != &node))
+  Node* other = by_name_.find(name);
+  if (name.empty() || (other && other != &node))
     throw std::logic_error("node name '" + name + "' is empty or held by another node");
   record_header(node);
-  auto bn = by_name_.find(node.name_);
-  if (bn != by_name_.end() && bn->second == &node) by_name_.erase(bn);
+  by_name_.erase(&node);
   node.name_ = name;
-  by_name_[name] = &node;
+  by_name_.insert(&node);
   touch(&node);
 }
 
@@ -328,8 +337,7 @@ void IR::set_const(const std::string& t, const NDArray& value) {
   ti.dtype = value.dtype();
   if (journal_on_) {
     // Its value changed: every reader may now match differently.
-    auto ti_it = tensors_.find(t);
-    for (const auto& u : ti_it->second.uses) touch(u.first);
+    for (const auto& u : ti.uses) touch(u.first);
   }
 }
 
@@ -345,12 +353,11 @@ void IR::erase_const(const std::string& t) {
   }
   // Its entry in const_order stays: save skips names that are no constant.
   consts_.erase(c);
-  auto it = tensors_.find(t);
-  if (it != tensors_.end()) it->second.constant = false;
-  if (it != tensors_.end() && it->second.uses.empty() && it->second.producers.empty() &&
-      !is_input(t) && !is_output(t)) {
-    tensors_.erase(it);
-  }
+  TensorInfo* ti = tensors_.find(t);
+  if (!ti) return;
+  ti->constant = false;
+  if (ti->uses.empty() && ti->producers.empty() && !ti->graph_input && !ti->graph_output)
+    drop_tensor(*ti);
 }
 
 // ------------------------------------------------------------ connectivity
@@ -379,9 +386,9 @@ void append_readers(const TensorInfo& ti, NodeList& out, size_t from) {
 
 NodeList IR::next_nodes(const std::string& t) const {
   NodeList out;
-  auto it = tensors_.find(t);
-  if (it == tensors_.end()) return out;
-  append_readers(it->second, out, 0);
+  const TensorInfo* ti = tensors_.find(t);
+  if (!ti) return out;
+  append_readers(*ti, out, 0);
   sort_consumers(out);
   return out;
 }
@@ -414,9 +421,9 @@ NodeList IR::next_nodes(const Node& node) const {
 }
 
 NodePtr IR::producer(const std::string& t) const {
-  auto it = tensors_.find(t);
-  if (it == tensors_.end() || it->second.producers.empty()) return nullptr;
-  return it->second.producers.back()->shared_from_this();
+  const TensorInfo* ti = tensors_.find(t);
+  if (!ti || ti->producers.empty()) return nullptr;
+  return ti->producers.back()->shared_from_this();
 }
 
 NodeList IR::pre_nodes(const std::string& t) const {
@@ -440,21 +447,25 @@ NodeList IR::pre_nodes(const Node& node) const {
 }
 
 size_t IR::use_count(const std::string& t) const {
-  auto it = tensors_.find(t);
-  return it == tensors_.end() ? 0 : it->second.uses.size();
+  const TensorInfo* ti = tensors_.find(t);
+  return ti ? ti->uses.size() : 0;
 }
 
 void IR::set_input(Node& node, size_t i, const std::string& t) { node.input.set(i, t); }
 void IR::set_output(Node& node, size_t i, const std::string& t) { node.output.set(i, t); }
 
 void IR::add_graph_input(const std::string& t) {
-  if (input_set_.insert(t).second) inputs_.push_back(t);
-  info(t);
+  TensorInfo& ti = info(t);
+  if (ti.graph_input) return;
+  ti.graph_input = true;
+  inputs_.push_back(t);
 }
 
 void IR::add_graph_output(const std::string& t) {
-  if (output_set_.insert(t).second) outputs_.push_back(t);
-  info(t);
+  TensorInfo& ti = info(t);
+  if (ti.graph_output) return;
+  ti.graph_output = true;
+  outputs_.push_back(t);
 }
 
 namespace {
@@ -494,7 +505,7 @@ void IR::detach_use(Node* n, uint32_t slot) {
     ((ms & kImplicit) ? moved->implicit_pos_ : moved->in_pos_)[ms & ~kImplicit] = pos;
   }
   uses.pop_back();
-  if (journal_on_ && uses.empty()) released_.push_back(*ti.name);
+  if (journal_on_ && uses.empty()) released_.push_back(ti.name);
 }
 
 void IR::attach_producer(const std::string& t, Node* n, size_t slot) {
@@ -522,8 +533,7 @@ void IR::touch(Node* n) {
 
 void IR::touch_tensor_neighbours(const std::string& t) {
   if (!journal_on_ || t.empty()) return;
-  auto it = tensors_.find(t);
-  if (it != tensors_.end()) touch_tensor_neighbours(&it->second);
+  touch_tensor_neighbours(tensors_.find(t));
 }
 
 void IR::touch_tensor_neighbours(const TensorInfo* ti) {
@@ -621,14 +631,15 @@ void IR::add_node(const NodePtr& node, int64_t order) {
   // Whatever is keyed by node name (paused rules, mesh bookkeeping) must
   // name one node: an unnamed node, or one whose name another node holds,
   // gets a free name.
-  if (node->name_.empty() || by_name_.count(node->name_) != 0) {
+  if (node->name_.empty() || !by_name_.try_insert(node.get())) {
     const std::string base = node->name_.empty() ? node->op_type_ : node->name_;
     int64_t& k = auto_name_next_[base];
     std::string cand;
     do {
       cand = base + "_" + std::to_string(k++);
-    } while (by_name_.count(cand) != 0 || retired_names_.count(cand) != 0);
+    } while (by_name_.find(cand) != nullptr || retired_index_.find(cand) != nullptr);
     node->name_ = cand;
+    by_name_.insert(node.get());
   }
   node->owner_ = this;
   node->order_ = order;
@@ -642,7 +653,10 @@ void IR::add_node(const NodePtr& node, int64_t order) {
     slots_.push_back(node);
   }
   ++alive_;
-  by_name_[node->name_] = node.get();
+  // Room for every port's index entry at once, not slot by slot.
+  node->in_pos_.resize(node->input.names_.size());
+  node->in_ti_.resize(node->input.names_.size());
+  node->out_ti_.resize(node->output.names_.size());
   if (recording_) {
     UndoRecord r{UndoRecord::kAddNode};
     r.node = node;
@@ -680,9 +694,8 @@ void IR::remove_node(Node& node) {
   for (size_t k = 0; k < node.implicit_inputs.size(); ++k)
     detach_use(&node, kImplicit | static_cast<uint32_t>(k));
   for (size_t i = 0; i < node.output.names_.size(); ++i) detach_producer(&node, i);
-  auto bn = by_name_.find(node.name_);
-  if (bn != by_name_.end() && bn->second == &node) by_name_.erase(bn);
-  retired_names_.insert(node.name_);
+  by_name_.erase(&node);
+  if (!retired_index_.find(node.name_)) retired_index_.insert(&retired_store_.emplace_back(node.name_));
   slots_[node.slot_] = nullptr;
   free_slots_.push_back(node.slot_);
   --alive_;
@@ -691,14 +704,14 @@ void IR::remove_node(Node& node) {
 }
 
 NodePtr IR::find_node(const std::string& name) const {
-  auto it = by_name_.find(name);
-  if (it != by_name_.end() && it->second->owner_ == this) return it->second->shared_from_this();
+  Node* n = by_name_.find(name);
+  if (n && n->owner_ == this) return n->shared_from_this();
   return nullptr;
 }
 
 bool IR::name_taken(const std::string& name) const {
-  return tensors_.count(name) != 0 || consts_.count(name) != 0 || by_name_.count(name) != 0 ||
-         retired_names_.count(name) != 0;
+  return tensors_.find(name) != nullptr || consts_.count(name) != 0 ||
+         by_name_.find(name) != nullptr || retired_index_.find(name) != nullptr;
 }
 
 std::string IR::unique_tensor_name(const std::string& base) const {
@@ -710,7 +723,7 @@ std::string IR::unique_tensor_name(const std::string& base) const {
 }
 
 std::string IR::unique_node_name(const std::string& base) const {
-  auto free = [&](const std::string& n) { return by_name_.count(n) == 0 && retired_names_.count(n) == 0; };
+  auto free = [&](const std::string& n) { return by_name_.find(n) == nullptr && retired_index_.find(n) == nullptr; };
   if (free(base)) return base;
   for (int64_t k = 1;; ++k) {
     std::string cand = base + "_" + std::to_string(k);
@@ -758,13 +771,12 @@ void IR::record_tensor(const std::string& t) {
   if (!recording_) return;
   UndoRecord r{UndoRecord::kTensor};
   r.name = t;
-  auto it = tensors_.find(t);
-  if (it != tensors_.end()) {
+  if (const TensorInfo* ti = tensors_.find(t)) {
     r.existed = true;
-    r.constant = it->second.constant;
-    r.has_shape = it->second.has_shape;
-    r.shape = it->second.shape;
-    r.dtype = it->second.dtype;
+    r.constant = ti->constant;
+    r.has_shape = ti->has_shape;
+    r.shape = ti->shape;
+    r.dtype = ti->dtype;
   }
   undo_.push_back(std::move(r));
 }
@@ -799,16 +811,16 @@ void IR::undo(UndoRecord& r) {
       }
       break;
     case UndoRecord::kTensor: {
-      auto it = tensors_.find(r.name);
+      TensorInfo* found = tensors_.find(r.name);
       if (!r.existed) {
-        if (it != tensors_.end() && it->second.uses.empty() && it->second.producers.empty() &&
-            !is_input(r.name) && !is_output(r.name) && consts_.count(r.name) == 0)
-          tensors_.erase(it);
-        else if (it != tensors_.end()) {
-          it->second.has_shape = false;
-          it->second.shape.clear();
-          it->second.dtype = dt::UNDEFINED;
-          it->second.constant = false;
+        if (found && found->uses.empty() && found->producers.empty() && !found->graph_input &&
+            !found->graph_output && consts_.count(r.name) == 0) {
+          drop_tensor(*found);
+        } else if (found) {
+          found->has_shape = false;
+          found->shape.clear();
+          found->dtype = dt::UNDEFINED;
+          found->constant = false;
         }
         break;
       }
@@ -908,6 +920,17 @@ const NodeList& IR::node() const {
   return order_cache_;
 }
 
+void IR::trust_insertion_order() {
+  order_cache_.clear();
+  order_cache_.reserve(alive_);
+  for (const NodePtr& n : slots_)
+    if (n) order_cache_.push_back(n);
+  auto by_key = [](const NodePtr& a, const NodePtr& b) { return a->order_ < b->order_; };
+  if (!std::is_sorted(order_cache_.begin(), order_cache_.end(), by_key))
+    std::stable_sort(order_cache_.begin(), order_cache_.end(), by_key);
+  order_valid_ = true;
+}
+
 void IR::renumber_order() {
   const NodeList& order = node();
   for (size_t i = 0; i < order.size(); ++i) order[i]->order_ = static_cast<int64_t>(i);
@@ -929,9 +952,9 @@ bool IR::depends_on(const Node& node, const std::string& t) const {
     auto visit = [&](const std::string& in) {
       if (in.empty()) return false;
       if (in == t) return true;
-      auto it = tensors_.find(in);
-      if (it == tensors_.end() || it->second.producers.empty()) return false;
-      const Node* p = it->second.producers.back();
+      const TensorInfo* ti = tensors_.find(in);
+      if (!ti || ti->producers.empty()) return false;
+      const Node* p = ti->producers.back();
       if (seen.insert(p).second) stack.push_back(p);
       return false;
     };

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
 #include <optional>
@@ -17,7 +18,9 @@
 #include <vector>
 
 #include "host/attr.h"
+#include "host/name_index.h"
 #include "host/ndarray.h"
+#include "host/small_vector.h"
 
 namespace tolm {
 
@@ -65,9 +68,9 @@ class Node : public std::enable_shared_from_this<Node> {
   Node(const Node&) = delete;
   Node& operator=(const Node&) = delete;
 
-  static NodePtr make(const std::string& op_type, const std::vector<std::string>& inputs,
-                      const std::vector<std::string>& outputs, const std::string& name = "",
-                      const std::vector<Attr>& attrs = {}, const std::string& domain = "");
+  static NodePtr make(std::string op_type, std::vector<std::string> inputs,
+                      std::vector<std::string> outputs, std::string name = "",
+                      std::vector<Attr> attrs = {}, std::string domain = "");
 
   // Read freely; changed only through set_name / set_op_type / set_attr,
   // which go through the owning graph (its name index, its change journal).
@@ -92,6 +95,17 @@ class Node : public std::enable_shared_from_this<Node> {
   NodePtr clone() const;
   const Attr* find_attr(const std::string& key) const;
   IR* graph() const { return owner_; }
+  // The index entry of input i / output i while the node is in a graph (null
+  // outside one, or for an empty name): no name lookup needed.
+  const TensorInfo* input_info(size_t i) const {
+    return owner_ && i < in_ti_.size() ? in_ti_[i] : nullptr;
+  }
+  const TensorInfo* output_info(size_t i) const {
+    return owner_ && i < out_ti_.size() ? out_ti_[i] : nullptr;
+  }
+  const TensorInfo* implicit_info(size_t i) const {
+    return owner_ && i < implicit_ti_.size() ? implicit_ti_[i] : nullptr;
+  }
   uint64_t uid() const { return uid_; }
   // Bookkeeping bits for whoever walks the graph (the driver marks the
   // worklists a node is on); no meaning to the graph itself.
@@ -116,16 +130,24 @@ class Node : public std::enable_shared_from_this<Node> {
   size_t slot_ = 0;
 };
 
+// One reader of a tensor: the node and the input slot it reads it at.
+struct TensorUse {
+  Node* first;
+  uint32_t second;
+};
+
 struct TensorInfo {
-  const std::string* name = nullptr;  // the key this entry is held under
+  std::string name;
   bool constant = false;
+  bool graph_input = false;
+  bool graph_output = false;
   Shape shape;
   bool has_shape = false;
   int32_t dtype = dt::UNDEFINED;
-  std::vector<Node*> producers;  // the last one is the producer
+  SmallVector<Node*, 1> producers;  // the last one is the producer
   // (consumer, input slot), in no particular order; a sub-graph reference has
   // kImplicit set in its slot. Readers come out sorted by next_nodes.
-  std::vector<std::pair<Node*, uint32_t>> uses;
+  SmallVector<TensorUse, 2> uses;
 };
 
 // A tensor's shape sets across the dynamic-shape profiles of a model.
@@ -224,7 +246,10 @@ class IR {
   // Value of input i of the node: null if the input is missing or no constant.
   const NDArray* get_const_optional(const Node& node, size_t i) const;
   void set_const(const std::string& t, const NDArray& value);
-  bool is_const(const std::string& t) const { return consts_.count(t) != 0; }
+  bool is_const(const std::string& t) const {
+    const TensorInfo* ti = tensors_.find(t);
+    return ti && ti->constant;
+  }
   const std::unordered_map<std::string, NDArray>& consts() const { return consts_; }
   // Drops a constant (the driver's clean-up of unused initializers).
   void erase_const(const std::string& t);
@@ -242,13 +267,19 @@ class IR {
   void set_input(Node& node, size_t i, const std::string& t);
   void set_output(Node& node, size_t i, const std::string& t);
 
-  bool is_input(const std::string& t) const { return input_set_.count(t) != 0; }
-  bool is_output(const std::string& t) const { return output_set_.count(t) != 0; }
+  bool is_input(const std::string& t) const {
+    const TensorInfo* ti = tensors_.find(t);
+    return ti && ti->graph_input;
+  }
+  bool is_output(const std::string& t) const {
+    const TensorInfo* ti = tensors_.find(t);
+    return ti && ti->graph_output;
+  }
   const std::vector<std::string>& inputs() const { return inputs_; }
   const std::vector<std::string>& outputs() const { return outputs_; }
   void add_graph_input(const std::string& t);
   void add_graph_output(const std::string& t);
-  bool has_tensor(const std::string& t) const { return tensors_.count(t) != 0; }
+  bool has_tensor(const std::string& t) const { return tensors_.find(t) != nullptr; }
   const TensorInfo* tensor(const std::string& t) const;
   // The index entry of input (or output) slot i of a node, without a name
   // lookup for a node of this graph; null for an empty slot.
@@ -263,6 +294,9 @@ class IR {
   // back from its saved form would have: ties that rules break by order
   // then fall the same way in both.
   void renumber_order();
+  // The loader's word that the nodes, in the order they were put in, already
+  // run in a valid order: node() then needs no sort until the graph changes.
+  void trust_insertion_order();
   // Each node once, in no particular order, without sorting the graph.
   template <class F>
   void for_each_node(F&& f) const {
@@ -351,14 +385,24 @@ class IR {
   const TensorInfo* port_info(const Node& node, bool is_output, size_t i) const;
   void sort_consumers(NodeList& list) const;
 
-  std::unordered_map<std::string, TensorInfo> tensors_;
+  struct TensorKey {
+    std::string_view operator()(const TensorInfo& ti) const { return ti.name; }
+  };
+  struct NodeKey {
+    std::string_view operator()(const Node& n) const { return n.name_; }
+  };
+  // Tensor records live in a deque so that their addresses stay put (nodes
+  // hold them); records dropped are reused.
+  std::deque<TensorInfo> tensor_store_;
+  std::vector<TensorInfo*> free_tensors_;
+  NameIndex<TensorInfo, TensorKey> tensors_;
+  void drop_tensor(TensorInfo& ti);
   std::unordered_map<std::string, NDArray> consts_;
   std::vector<NodePtr> slots_;  // nullptr where a node was removed
   std::vector<size_t> free_slots_;
   size_t alive_ = 0;
-  std::unordered_map<std::string, Node*> by_name_;
+  NameIndex<Node, NodeKey> by_name_;
   std::vector<std::string> inputs_, outputs_;
-  std::unordered_set<std::string> input_set_, output_set_;
   std::vector<std::string> value_info_;
   int64_t opset_ = 17;
   mutable NodeList order_cache_;
@@ -369,7 +413,11 @@ class IR {
   int64_t max_order_ = 0;
   // Names of nodes taken out. A new name is never one of these: records kept
   // by node name (paused rules) must not pass to an unrelated new node.
-  std::unordered_set<std::string> retired_names_;
+  struct StringKey {
+    std::string_view operator()(const std::string& s) const { return s; }
+  };
+  std::deque<std::string> retired_store_;
+  NameIndex<std::string, StringKey> retired_index_;
   // Next counter per op type for the names of unnamed nodes.
   std::unordered_map<std::string, int64_t> auto_name_next_;
   std::vector<UndoRecord> undo_;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
+#include <deque>
 #include <fstream>
 #include <queue>
 #include <sstream>
@@ -517,24 +518,8 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
   }
   for (const auto& sp : g.sparse_initializer()) ir.set_const(sp.values().name(), densify(sp));
 
-  // ---- producers, implicit inputs, order check
+  // ---- implicit inputs of sub-graph nodes
   const int n_nodes = g.node_size();
-
-  std::unordered_map<std::string_view, int> producer_of;
-  producer_of.reserve(static_cast<size_t>(n_nodes) * 2 + 1);
-  for (int i = 0; i < n_nodes; ++i) {
-    for (const auto& o : g.node(i).output()) {
-      if (o.empty()) continue;
-      if (init_names.count(o))
-        throw LoadError("tensor " + o + " has two producers: initializer, " + node_label(g, i));
-      if (input_vi.count(o))
-        throw LoadError("tensor " + o + " has two producers: graph input, " + node_label(g, i));
-      auto [it, fresh] = producer_of.emplace(o, i);
-      if (!fresh)
-        throw LoadError("tensor " + o + " has two producers: " + node_label(g, it->second) + ", " +
-                        node_label(g, i));
-    }
-  }
   std::unordered_map<int, std::vector<std::string>> implicit;
   for (int i = 0; i < n_nodes; ++i) {
     const auto& n = g.node(i);
@@ -545,54 +530,27 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
       }
     }
   }
-  bool sorted = true;
-  auto producer_index = [&](const std::string& t) {
-    if (t.empty()) return -1;
-    auto it = producer_of.find(t);
-    return it == producer_of.end() ? -1 : it->second;
-  };
-  for (int i = 0; i < n_nodes && sorted; ++i) {
-    for (const auto& t : g.node(i).input())
-      if (producer_index(t) >= i) sorted = false;
-    auto im = implicit.find(i);
-    if (im != implicit.end())
-      for (const auto& t : im->second)
-        if (producer_index(t) >= i) sorted = false;
-  }
-  if (!sorted) {
-    std::vector<std::vector<int>> deps(static_cast<size_t>(n_nodes));
-    for (int i = 0; i < n_nodes; ++i) {
-      auto& d = deps[static_cast<size_t>(i)];
-      for (const auto& t : g.node(i).input()) {
-        const int p = producer_index(t);
-        if (p >= 0) d.push_back(p);
-      }
-      auto im = implicit.find(i);
-      if (im != implicit.end())
-        for (const auto& t : im->second) {
-          const int p = producer_index(t);
-          if (p >= 0) d.push_back(p);
-        }
-    }
-    check_acyclic(g, deps);
-  }
 
   // ---- nodes
   // Exporters often leave node names empty, yet rules keep some records by
   // node name: an unnamed node is named after its op type and a counter,
   // clear of every name the model already gives.
-  std::unordered_set<std::string> given_names;
-  for (int i = 0; i < n_nodes; ++i)
-    if (!g.node(i).name().empty()) given_names.insert(g.node(i).name());
+  int unnamed = 0;
+  for (int i = 0; i < n_nodes; ++i) unnamed += g.node(i).name().empty() ? 1 : 0;
+  FlatNameMap<bool> given_names(unnamed > 0 ? static_cast<size_t>(n_nodes) : 0);
+  if (unnamed > 0)
+    for (int i = 0; i < n_nodes; ++i)
+      if (!g.node(i).name().empty()) given_names.emplace(g.node(i).name(), true);
   std::unordered_map<std::string, int64_t> unnamed_next;
+  std::deque<std::string> made_names;  // the views of given_names point here
   auto name_for = [&](const onnx::NodeProto& np) {
     if (!np.name().empty()) return np.name();
     int64_t& k = unnamed_next[np.op_type()];
     std::string cand;
     do {
       cand = np.op_type() + "_" + std::to_string(k++);
-    } while (given_names.count(cand) != 0);
-    given_names.insert(cand);
+    } while (given_names.contains(cand));
+    given_names.emplace(made_names.emplace_back(cand), true);
     return cand;
   };
   for (int i = 0; i < n_nodes; ++i) {
@@ -610,11 +568,50 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
     for (const auto& ap : np.attribute()) attrs.push_back(attr_from_proto(ap));
     NodePtr node = Node::make(np.op_type(), std::vector<std::string>(np.input().begin(), np.input().end()),
                               std::vector<std::string>(np.output().begin(), np.output().end()), name_for(np),
-                              attrs, np.domain());
+                              std::move(attrs), np.domain());
     if (!np.doc_string().empty()) node->doc_string = np.doc_string();
     auto im = implicit.find(i);
     if (im != implicit.end()) node->implicit_inputs = std::move(im->second);
     ir.add_node(node, i);
+  }
+
+  // ---- producers and order, read off the index just built (each node's
+  // order key is its place in the file)
+  auto label_of = [&](const Node* n) { return node_label(g, static_cast<int>(n->order())); };
+  bool sorted = true;
+  ir.for_each_node([&](const NodePtr& np) {
+    const Node& n = *np;
+    for (size_t k = 0; k < n.output.size(); ++k) {
+      const TensorInfo* ti = n.output_info(k);
+      if (!ti) continue;
+      if (ti->constant)
+        throw LoadError("tensor " + ti->name + " has two producers: initializer, " + label_of(&n));
+      if (ti->graph_input)
+        throw LoadError("tensor " + ti->name + " has two producers: graph input, " + label_of(&n));
+      if (ti->producers.size() > 1 && ti->producers[1] == &n)
+        throw LoadError("tensor " + ti->name + " has two producers: " + label_of(ti->producers[0]) + ", " +
+                        label_of(&n));
+    }
+    auto runs_before = [&](const TensorInfo* ti) {
+      return !ti || ti->producers.empty() || ti->producers.back()->order() < n.order();
+    };
+    for (size_t k = 0; sorted && k < n.input.size(); ++k) sorted = runs_before(n.input_info(k));
+    for (size_t k = 0; sorted && k < n.implicit_inputs.size(); ++k) sorted = runs_before(n.implicit_info(k));
+  });
+  if (!sorted) {
+    std::vector<std::vector<int>> deps(static_cast<size_t>(n_nodes));
+    ir.for_each_node([&](const NodePtr& np) {
+      auto& d = deps[static_cast<size_t>(np->order())];
+      auto add = [&](const TensorInfo* ti) {
+        if (ti && !ti->producers.empty()) d.push_back(static_cast<int>(ti->producers.back()->order()));
+      };
+      for (size_t k = 0; k < np->input.size(); ++k) add(np->input_info(k));
+      for (size_t k = 0; k < np->implicit_inputs.size(); ++k) add(np->implicit_info(k));
+    });
+    check_acyclic(g, deps);
+  } else {
+    // A file whose nodes come in a valid order is taken at its word: no sort.
+    ir.trust_insertion_order();
   }
 
   // ---- the shell: everything but the graph body
@@ -716,19 +713,20 @@ std::string save_model(const IR& ir) {
   }
 
   // ---- nodes, and the constants they read
-  std::unordered_set<std::string_view> used_consts;
-  auto note_use = [&](const std::string& t) {
-    if (!t.empty() && ir.is_const(t)) used_consts.insert(t);
+  // Every node holds its ports' index entries: no name lookups here.
+  FlatNameMap<bool> used_consts(ir.consts().size());
+  auto note_use = [&](const TensorInfo* ti) {
+    if (ti && ti->constant) used_consts.emplace(ti->name, true);
   };
   g->mutable_node()->Reserve(static_cast<int>(nodes.size()));
   for (const auto& n : nodes) {
     onnx::NodeProto* np = g->add_node();
     np->mutable_input()->Reserve(static_cast<int>(n->input.size()));
-    for (const auto& t : n->input) {
-      np->add_input(t);
-      note_use(t);
+    for (size_t i = 0; i < n->input.size(); ++i) {
+      np->add_input(n->input[i]);
+      note_use(n->input_info(i));
     }
-    for (const auto& t : n->implicit_inputs) note_use(t);
+    for (size_t k = 0; k < n->implicit_inputs.size(); ++k) note_use(n->implicit_info(k));
     np->mutable_output()->Reserve(static_cast<int>(n->output.size()));
     for (const auto& t : n->output) np->add_output(t);
     if (!n->name().empty()) np->set_name(n->name());
@@ -738,30 +736,19 @@ std::string save_model(const IR& ir) {
     np->mutable_attribute()->Reserve(static_cast<int>(n->attribute().size()));
     for (const auto& a : n->attribute()) attr_to_proto(a, np->add_attribute());
   }
-  for (const auto& t : ir.outputs()) note_use(t);
+  for (const auto& t : ir.outputs()) note_use(ir.tensor(t));
 
-  // ---- initializers: const_order first, then the rest by name
-  std::unordered_set<std::string_view> emitted;
-  emitted.reserve(used_consts.size() * 2 + 1);
-  auto produced_by_node = [&](const std::string& t) {
-    const TensorInfo* ti = ir.tensor(t);
-    return ti && !ti->producers.empty();
-  };
+  // ---- initializers, in const_order (every constant is listed there)
+  FlatNameMap<bool> emitted(used_consts.size());
   g->mutable_initializer()->Reserve(static_cast<int>(used_consts.size()));
-  auto emit_const = [&](const std::string& t) {
-    if (!used_consts.count(t) || emitted.count(t) || produced_by_node(t)) return;
+  for (const auto& t : ir.const_order) {
+    if (!used_consts.contains(t) || emitted.contains(t)) continue;
+    const TensorInfo* ti = ir.tensor(t);
+    if (!ti || !ti->producers.empty()) continue;
     const NDArray* a = ir.get_const(t);
-    if (!a) return;
-    emitted.insert(*used_consts.find(t));
+    if (!a) continue;
+    emitted.emplace(t, true);
     tensor_to_proto(*a, t, g->add_initializer());
-  };
-  for (const auto& t : ir.const_order) emit_const(t);
-  if (emitted.size() < used_consts.size()) {
-    std::vector<std::string_view> rest;
-    for (const auto& t : used_consts)
-      if (!emitted.count(t)) rest.push_back(t);
-    std::sort(rest.begin(), rest.end());
-    for (const auto& t : rest) emit_const(std::string(t));
   }
 
   // ---- graph inputs: the model's records in the model's order
@@ -777,7 +764,7 @@ std::string save_model(const IR& ir) {
       if (rec != ir.io_value_info.end()) out->ParseFromString(rec->second);
       else *out = vi;
       refresh_type(ir, *out);
-    } else if (emitted.count(name) && input_done.insert(name).second) {
+    } else if (emitted.contains(name) && input_done.insert(name).second) {
       *g->add_input() = vi;  // an initializer that the model also lists as input
     }
   }
@@ -824,10 +811,11 @@ std::string save_model(const IR& ir) {
 
   // ---- value_info: inner tensors with known shape and type, in node order
   for (const auto& n : nodes) {
-    for (const auto& t : n->output) {
-      if (t.empty() || ir.is_input(t) || ir.is_output(t) || ir.is_const(t)) continue;
-      const TensorInfo* ti = ir.tensor(t);
-      if (!ti || !ti->has_shape || ti->dtype == dt::UNDEFINED) continue;
+    for (size_t k = 0; k < n->output.size(); ++k) {
+      const TensorInfo* ti = n->output_info(k);
+      if (!ti || ti->graph_input || ti->graph_output || ti->constant) continue;
+      if (!ti->has_shape || ti->dtype == dt::UNDEFINED) continue;
+      const std::string& t = ti->name;
       if (ti->producers.empty() || ti->producers.back() != n.get()) continue;
       onnx::ValueInfoProto* vi = g->add_value_info();
       vi->set_name(t);

@@ -378,11 +378,10 @@ void infer_missing(IR& ir) {
   const NodeList& nodes = ir.node();
   for (const auto& n : nodes) {
     bool run = false;
-    for (const auto& t : n->output)
-      if (!t.empty() && !has_shape(ir, t)) {
-        run = true;
-        break;
-      }
+    for (size_t k = 0; k < n->output.size() && !run; ++k) {
+      const TensorInfo* ti = n->output_info(k);
+      run = !n->output[k].empty() && !(ti && ti->has_shape);
+    }
     // Nodes of shape computations run even when their outputs are known, so
     // that the values they carry reach a Reshape or Expand further down.
     if (!run) run = n->op_type() == "Shape" && n->domain.empty();

@@ -20,18 +20,21 @@ std::string list_text(const std::vector<int64_t>& v) {
   return s + "]";
 }
 
-bool defined(const IR& ir, const std::string& t) {
-  return ir.is_input(t) || ir.is_const(t) || ir.producer(t) != nullptr;
+bool defined(const TensorInfo* ti) {
+  return ti && (ti->graph_input || ti->constant || !ti->producers.empty());
 }
 
-void check_reads(const IR& ir, const Node& n) {
-  for (const auto& t : n.input)
-    if (!t.empty() && !defined(ir, t))
-      throw LoadError("node " + label(n) + " reads tensor " + t +
+bool defined(const IR& ir, const std::string& t) { return defined(ir.tensor(t)); }
+
+// The node holds its ports' index entries: no name lookups.
+void check_reads(const Node& n) {
+  for (size_t i = 0; i < n.input.size(); ++i)
+    if (!n.input[i].empty() && !defined(n.input_info(i)))
+      throw LoadError("node " + label(n) + " reads tensor " + n.input[i] +
                       ", which no graph input, initializer or node defines");
-  for (const auto& t : n.implicit_inputs)
-    if (!defined(ir, t))
-      throw LoadError("node " + label(n) + " reads tensor " + t +
+  for (size_t k = 0; k < n.implicit_inputs.size(); ++k)
+    if (!defined(n.implicit_info(k)))
+      throw LoadError("node " + label(n) + " reads tensor " + n.implicit_inputs[k] +
                       " in a sub-graph, which no graph input, initializer or node defines");
 }
 
@@ -124,13 +127,15 @@ void validate_declared_shapes(const onnx::GraphProto& g) {
 }
 
 void validate_graph(const IR& ir) {
-  for (const auto& np : ir.node()) {
+  // In the order the model lists its nodes (no sort needed), so the first
+  // fault of the file is the one reported.
+  ir.for_each_node([&](const NodePtr& np) {
     const Node& n = *np;
-    check_reads(ir, n);
-    if (!n.domain.empty() && n.domain != "ai.onnx") continue;
+    check_reads(n);
+    if (!n.domain.empty() && n.domain != "ai.onnx") return;
     if (n.op_type() == "Transpose") check_transpose(ir, n);
     else if (n.op_type() == "Reshape") check_reshape(ir, n);
-  }
+  });
   for (const auto& t : ir.outputs())
     if (!t.empty() && !defined(ir, t))
       throw LoadError("graph output " + t + " is not defined by any graph input, initializer or node");

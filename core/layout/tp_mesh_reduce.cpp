@@ -267,7 +267,10 @@ MeshResult _p_reduce_tp_in_mesh(IR& ir, const NodeList& nodes, QuantTable* /*qua
     _pass_tp(ir, *nod, x);
   };
   // A Transpose that now reads `x`, a tensor in the new layout: it goes if
-  // the new layout is what it made, else its perm absorbs the change.
+  // the new layout is what it made, else its perm absorbs the change. Whether
+  // it made the new layout is judged on the shape `x` had before: call this
+  // before `x` takes its new shape (with dimensions of size 1, two perms can
+  // act alike on one shape and not on the other).
   auto fix_consumer = [&](const NodePtr& nod, const std::string& x) {
     const Perm perm = _func_tp_perm(ir, *nod);
     if (check_equivalent_perm_for_tp(ir, x, perm, most_perm)) {
@@ -400,18 +403,18 @@ MeshResult _p_reduce_tp_in_mesh(IR& ir, const NodeList& nodes, QuantTable* /*qua
     } else if (type == "merge_top_tp") {
       if (!pre) continue;
       ir.set_attr(*pre, perm_attr(take(_func_tp_perm(ir, *pre), most_perm)));
-      ir.set_shape(t_name, new_shape, false);
       for (const NodePtr& nod : next_nodes)
         if (nod->op_type() == "Transpose") fix_consumer(nod, t_name);
+      ir.set_shape(t_name, new_shape, false);
     } else if (type == "insert_tp") {
       const std::string out = transpose_op(t_name, most_perm);
       replace_uses_if(ir, t_name, out, pass_reader);
     } else if (type == "merge_top_rs") {
       if (!pre || pre->input.size() < 2) continue;
-      ir.set_shape(t_name, new_shape, false);
-      set_node_const(ir, *pre, 1, NDArray::from_i64(new_shape));
       for (const NodePtr& nod : next_nodes)
         if (nod->op_type() == "Transpose") fix_consumer(nod, t_name);
+      ir.set_shape(t_name, new_shape, false);
+      set_node_const(ir, *pre, 1, NDArray::from_i64(new_shape));
     } else if (type == "merge_bottom_rs") {
       ir.set_shape(t_name, new_shape, false);
     }

@@ -25,9 +25,11 @@ constexpr int kMaxMatchesPerAnchor = 32;
 // Rounds of the whole tables; one more than needed is the one that finds
 // nothing left to do.
 constexpr int kMaxRounds = 8;
-// Node::work_flags bit: queued since the fold pass last looked at it. The
-// worklists use the bits 1 to 8, fold_graph 0x10.
+// Node::work_flags bits: queued since the fold pass last looked at it, and
+// on the fold worklist. The rule worklists use the bits 1 to 8, fold_graph
+// 0x10.
 constexpr uint8_t kFoldPending = 0x20;
+constexpr uint8_t kFoldQueued = 0x40;
 
 // A FIFO of nodes, each queued at most once at a time. Membership is a bit
 // on the node, so queueing costs no lookup however large the graph.
@@ -260,21 +262,31 @@ class Driver {
         fold_(opt.fold ? &opt.fold_options : nullptr) {
     budget_ = opt.max_rewrites > 0 ? opt.max_rewrites
                                    : 20 * static_cast<int64_t>(ir.node_count()) + 10000;
+    // Which worklists a node of each op type belongs on: one that no row
+    // of a list can anchor at is never queued there.
+    auto mark = [&](const std::unordered_map<std::string, std::vector<size_t>>& index, uint8_t bit) {
+      for (const auto& kv : index) lists_of_op_[kv.first] |= bit;
+    };
+    mark(cvt_.regular, 1);
+    mark(fuse_.regular, 2);
+    mark(cvt_.limited, 4);
+    mark(fuse_.limited, 8);
   }
 
   DriverStats run() {
     ir_.set_journal(true);
     for (const auto& n : ir_.node()) push_all(n);
     while (true) {
+      drain_folds();
       if (!drain(cvt_, cvt_regular_, false)) break;
       if (!drain(fuse_, fuse_regular_, false)) break;
-      if (!cvt_regular_.empty()) continue;
+      if (!cvt_regular_.empty() || !folds_.empty()) continue;
       // Rows that may rewrite without shrinking run one anchor at a time,
       // each followed by the cheap rows on whatever it touched.
       if (step_one(cvt_, cvt_limited_)) continue;
       if (step_one(fuse_, fuse_limited_)) continue;
       if (cvt_regular_.empty() && fuse_regular_.empty() && cvt_limited_.empty() &&
-          fuse_limited_.empty())
+          fuse_limited_.empty() && folds_.empty())
         break;
       if (!stats_.converged) break;
     }
@@ -285,19 +297,38 @@ class Driver {
   }
 
  private:
-  void push_all(const NodePtr& n) {
+  uint8_t lists_of(const Node& n) const {
+    auto it = lists_of_op_.find(n.op_type());
+    return it == lists_of_op_.end() ? 0 : it->second;
+  }
+  // A queued node is offered to the fold pass once: by try_rows when it
+  // comes up on a rule worklist, or from its own worklist when no row
+  // anchors at its op type (Shape, Range, ...).
+  void mark_for_fold(const NodePtr& n, uint8_t lists) {
     n->work_flags |= kFoldPending;
-    cvt_regular_.push(n);
-    fuse_regular_.push(n);
-    cvt_limited_.push(n);
-    fuse_limited_.push(n);
+    if (lists == 0) folds_.push(n);
+  }
+  void drain_folds() {
+    while (!folds_.empty() && stats_.converged) {
+      NodePtr n = folds_.pop();
+      if (ir_.contains(*n)) try_fold(n);
+    }
+  }
+  void push_all(const NodePtr& n) {
+    const uint8_t lists = lists_of(*n);
+    if (fold_) mark_for_fold(n, lists);
+    if (lists & 1) cvt_regular_.push(n);
+    if (lists & 2) fuse_regular_.push(n);
+    if (lists & 4) cvt_limited_.push(n);
+    if (lists & 8) fuse_limited_.push(n);
   }
   void push_all_front(const NodePtr& n) {
-    n->work_flags |= kFoldPending;
-    cvt_regular_.push_front(n);
-    fuse_regular_.push_front(n);
-    cvt_limited_.push_front(n);
-    fuse_limited_.push_front(n);
+    const uint8_t lists = lists_of(*n);
+    if (fold_) mark_for_fold(n, lists);
+    if (lists & 1) cvt_regular_.push_front(n);
+    if (lists & 2) fuse_regular_.push_front(n);
+    if (lists & 4) cvt_limited_.push_front(n);
+    if (lists & 8) fuse_limited_.push_front(n);
   }
 
   // Runs the table's regular rows until their worklist is empty. False when
@@ -438,10 +469,11 @@ class Driver {
   IR& ir_;
   QuantTable* qt_;
   TableIndex cvt_, fuse_;
-  Worklist cvt_regular_{1}, fuse_regular_{2}, cvt_limited_{4}, fuse_limited_{8};
+  Worklist cvt_regular_{1}, fuse_regular_{2}, cvt_limited_{4}, fuse_limited_{8}, folds_{kFoldQueued};
   std::unordered_map<std::pair<size_t, uint64_t>, int, PairHash> limit_fires_;
   std::unordered_map<uint64_t, int> depth_;  // node uid -> limit rewrites behind it
   std::unordered_set<std::pair<size_t, uint64_t>, PairHash> faulted_;
+  std::unordered_map<std::string, uint8_t> lists_of_op_;
   DriverStats stats_;
   int64_t budget_;
   bool strict_;
@@ -496,9 +528,11 @@ void apply_result(IR& ir, const RuleResult& result) {
 int64_t prune_dead(IR& ir) {
   // Nodes with no output in use go, and then whatever fed only them: a
   // worklist from the dead ends upwards, with no sort of the graph.
-  auto dead = [&ir](const Node& n) {
-    for (const auto& o : n.output)
-      if (!o.empty() && (ir.use_count(o) > 0 || ir.is_output(o))) return false;
+  auto dead = [](const Node& n) {
+    for (size_t k = 0; k < n.output.size(); ++k) {
+      const TensorInfo* ti = n.output_info(k);
+      if (ti && (!ti->uses.empty() || ti->graph_output)) return false;
+    }
     return true;
   };
   std::vector<NodePtr> work;

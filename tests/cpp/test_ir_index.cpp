@@ -28,7 +28,8 @@ void expect_index_consistent(const IR& ir) {
   for (const auto& kv : uses) {
     const TensorInfo* ti = ir.tensor(kv.first);
     ASSERT_NE(ti, nullptr) << kv.first;
-    std::multiset<std::pair<const Node*, uint32_t>> got(ti->uses.begin(), ti->uses.end());
+    std::multiset<std::pair<const Node*, uint32_t>> got;
+    for (const TensorUse& u : ti->uses) got.insert({u.first, u.second});
     EXPECT_EQ(got, kv.second) << "uses of " << kv.first;
   }
   for (const auto& kv : producers) {
