@@ -1,5 +1,5 @@
 // Operators that compute on values: Cast and CastLike, element-wise
-// arithmetic, comparisons and logic, Min and Max, float unary functions and
+// arithmetic (Mod too), comparisons and logic, Min and Max, float unary functions and
 // the reductions of small tensors.
 //
 // Integers are computed as the runtime computes them: Add, Sub, Mul, Neg and
@@ -215,6 +215,34 @@ bool eval_pow(const EvalContext& ctx, Outputs& out) {
       for (double v : r)
         if (!fits_int<T>(v)) return false;
       put(out, xt::xarray<T>(xt::cast<T>(r)));
+      return true;
+    }
+  });
+}
+
+// Mod: for integers the remainder takes the divisor's sign unless fmod is
+// set (then the dividend's, as C's %); floats need fmod and get C's fmod.
+bool eval_mod(const EvalContext& ctx, Outputs& out) {
+  Shape shape;
+  if (ctx.in.size() != 2 || !same_types(ctx) || !result_shape(ctx, ctx.value(0)->dtype(), shape)) return false;
+  const bool fmod = IR::get_attr_int(ctx.node, "fmod").value_or(0) != 0;
+  return with_type(ctx.value(0)->dtype(), [&](auto tag) {
+    using T = decltype(tag);
+    if constexpr (std::is_same_v<T, bool>) {
+      return false;
+    } else if constexpr (std::is_floating_point_v<T>) {
+      if (!fmod) return false;
+      put(out, xt::xarray<T>(xt::fmod(to_xarray<T>(*ctx.value(0)), to_xarray<T>(*ctx.value(1)))));
+      return true;
+    } else {
+      const xt::xarray<T> x = to_xarray<T>(*ctx.value(0)), y = to_xarray<T>(*ctx.value(1));
+      if (xt::any(xt::equal(y, T(0)))) return false;
+      if constexpr (std::is_signed_v<T>) {
+        if (xt::any(xt::equal(x, std::numeric_limits<T>::min()) && xt::equal(y, T(-1)))) return false;
+      }
+      xt::xarray<T> r = xt::cast<T>(x % y);
+      if (!fmod) r = xt::where(xt::not_equal(r, T(0)) && xt::not_equal(r < T(0), y < T(0)), xt::cast<T>(r + y), r);
+      put(out, r);
       return true;
     }
   });
@@ -449,6 +477,7 @@ void add_math_ops(EvaluatorTable& t) {
   t["Mul"] = {eval_arith<Arith::kMul>, Needs::kValues};
   t["Div"] = {eval_arith<Arith::kDiv>, Needs::kValues};
   t["Pow"] = {eval_pow, Needs::kValues};
+  t["Mod"] = {eval_mod, Needs::kValues};
   t["Min"] = {eval_min_max<false>, Needs::kValues};
   t["Max"] = {eval_min_max<true>, Needs::kValues};
   t["Equal"] = {eval_compare<Cmp::kEq>, Needs::kValues};

@@ -127,6 +127,9 @@ CASES = {
     "div int truncates": ("Div", {"a": np.array([7, -7, 7, -7], np.int64), "b": np.array([2, 2, -2, -2], np.int64)}, {}, 1, 17),
     "div float": ("Div", {"a": f32(3, 2), "b": f32(2, lo=0.5, hi=2.0)}, {}, 1, 17),
     "add empty": ("Add", {"a": f32(0, 3), "b": f32(3)}, {}, 1, 17),
+    "mod int sign of divisor": ("Mod", {"a": ints(7, -7, 7, -7, 0), "b": ints(3, 3, -3, -3, 5)}, {}, 1, 17),
+    "mod int fmod": ("Mod", {"a": np.array([7, -7, 7, -7], np.int32), "b": np.array([3, 3, -3, -3], np.int32)}, {"fmod": 1}, 1, 17),
+    "mod float fmod broadcast": ("Mod", {"a": f32(2, 3, lo=-9, hi=9), "b": f32(3, lo=0.5, hi=3)}, {"fmod": 1}, 1, 17),
     "pow float": ("Pow", {"a": f32(5, lo=0.1, hi=3.0), "b": np.float32(2.0)}, {}, 1, 17),
     "pow float by int": ("Pow", {"a": f32(4, lo=-2, hi=2), "b": ints(3)}, {}, 1, 17),
     "pow int": ("Pow", {"a": ints(2, -3, 5), "b": ints(3)}, {}, 1, 17),
@@ -210,6 +213,7 @@ def test_exact_ops_match_bit_for_bit(case):
 # is over the size limit: they stay, and the model stays valid.
 KEPT = {
     "int division by zero": ("Div", {"a": ints(4, 5), "b": ints(1, 0)}, {}, 17),
+    "int mod by zero": ("Mod", {"a": ints(4, 5), "b": ints(1, 0)}, {}, 17),
     "float cast out of int32 range": ("Cast", {"x": np.array([3e9], np.float32)}, {"to": TensorProto.INT32}, 17),
     "float cast of nan to int": ("Cast", {"x": np.array([np.nan], np.float32)}, {"to": TensorProto.INT64}, 17),
     "gather index out of range": ("Gather", {"x": f32(3), "i": ints(3)}, {}, 17),
