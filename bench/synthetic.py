@@ -62,3 +62,56 @@ def make_chain_model(num_nodes: int, opset: int = 17) -> onnx.ModelProto:
         inits, value_info=value_info)
     return helper.make_model(graph, opset_imports=[helper.make_opsetid("", opset)],
                              producer_name="tolm-bench")
+
+
+FOLD_BLOCK = 10
+
+
+def make_fold_chain_model(num_nodes: int, opset: int = 17) -> onnx.ModelProto:
+    """About `num_nodes` nodes in blocks of ten, one of them foldable: a
+    Shape of the block's input (static) that a Reshape reads, or a Mul of two
+    constants that an Add reads, by turns; the other nine compute on the
+    chain. Every tensor carries its shape, as a fully inferred export does."""
+    blocks = max(1, num_nodes // FOLD_BLOCK)
+    shape = [1, C, H, W]
+    inits = [
+        helper.make_tensor("k", TensorProto.FLOAT, [C, 1, 1], np.linspace(0.5, 1.5, C).astype(np.float32)),
+        helper.make_tensor("half", TensorProto.FLOAT, [1], [0.5]),
+    ]
+    nodes, value_info = [], []
+    x = "x"
+    for i in range(blocks):
+        p = f"b{i}_"
+        out = "y" if i == blocks - 1 else p + "out"
+        if i % 2 == 0:
+            head = [
+                helper.make_node("Shape", [x], [p + "s"], name=p + "shape"),
+                helper.make_node("Reshape", [x, p + "s"], [p + "h"], name=p + "reshape"),
+            ]
+            value_info.append(helper.make_tensor_value_info(p + "s", TensorProto.INT64, [4]))
+            mixed = p + "h"
+        else:
+            head = [
+                helper.make_node("Mul", ["k", "half"], [p + "s"], name=p + "scale"),
+                helper.make_node("Mul", [x, p + "s"], [p + "h"], name=p + "mul"),
+            ]
+            value_info.append(helper.make_tensor_value_info(p + "s", TensorProto.FLOAT, [C, 1, 1]))
+            mixed = p + "h"
+        body = []
+        prev = mixed
+        for j, op in enumerate(["Relu", "Neg", "Abs", "Sigmoid", "Neg", "Abs", "Tanh"]):
+            t = f"{p}u{j}"
+            body.append(helper.make_node(op, [prev], [t], name=f"{p}op{j}"))
+            prev = t
+        body.append(helper.make_node("Add", [prev, x], [out], name=p + "res"))
+        nodes += head + body
+        for t in [mixed] + [f"{p}u{j}" for j in range(7)] + ([] if out == "y" else [out]):
+            value_info.append(helper.make_tensor_value_info(t, TensorProto.FLOAT, shape))
+        x = out
+    graph = helper.make_graph(
+        nodes, "fold_chain",
+        [helper.make_tensor_value_info("x", TensorProto.FLOAT, shape)],
+        [helper.make_tensor_value_info("y", TensorProto.FLOAT, shape)],
+        inits, value_info=value_info)
+    return helper.make_model(graph, opset_imports=[helper.make_opsetid("", opset)],
+                             producer_name="tolm-bench")

@@ -12,7 +12,7 @@ import sys
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[1]
-RULE_DIRS = ["chains", "dead", "restructure", "layout", "scatternd", "attention", "fusions", "reduce"]
+RULE_DIRS = ["chains", "dead", "restructure", "layout", "scatternd", "attention", "fusions", "fold", "reduce"]
 LOOP = re.compile(r"for\s*\(.*\b(input|output)\b")
 WRITE = re.compile(r"(set_input|set_output|\b(input|output)\.set)\s*\(")
 

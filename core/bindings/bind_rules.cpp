@@ -1,6 +1,7 @@
 // The rule tables, every rule procedure by name, the driver and the logger.
 // A quantisation table passed from Python as a dict is converted for the call
 // and every change the rule made is written back into that same dict.
+#include <algorithm>
 #include <cmath>
 #include <memory>
 
@@ -170,7 +171,29 @@ py::object build_table(const std::vector<Row>& rows, const py::dict& procs) {
   return table;
 }
 
-py::dict stats_to_python(const DriverStats& s) {
+// Nodes the size limits kept that are still in the graph, by name.
+py::dict fold_to_python(const IR& ir, const FoldStats& f) {
+  py::dict d;
+  d["steps"] = f.steps;
+  d["removed_nodes"] = f.removed_nodes;
+  d["folded"] = py::cast(f.folded);
+  d["fusions"] = py::cast(f.fusions);
+  py::list kept;
+  for (const auto& name : f.kept_by_size)
+    if (ir.find_node(name)) kept.append(py::str(name));
+  d["kept_by_size"] = kept;
+  return d;
+}
+
+FoldOptions fold_options(bool gemm, int64_t max_bytes) {
+  FoldOptions o;
+  o.matmul_add_to_gemm = gemm;
+  if (max_bytes >= 0) o.max_bytes = max_bytes;
+  o.free_bytes = std::min(o.free_bytes, o.max_bytes);
+  return o;
+}
+
+py::dict stats_to_python(const IR& ir, const DriverStats& s) {
   py::dict d;
   d["fired"] = py::cast(s.fired);
   d["rewrites"] = s.rewrites;
@@ -178,6 +201,7 @@ py::dict stats_to_python(const DriverStats& s) {
   d["pruned_nodes"] = s.pruned_nodes;
   d["converged"] = s.converged;
   d["rule_faults"] = py::cast(s.rule_faults);
+  d["fold"] = fold_to_python(ir, s.fold);
   return d;
 }
 
@@ -214,25 +238,46 @@ void init_rules(py::module& m) {
         "Every rule procedure by name -> whether this build has it.");
 
   m.def("run_reduce",
-        [](IR& ir, py::object quant_tab, int64_t max_rewrites, bool prune, bool strict) {
+        [](IR& ir, py::object quant_tab, int64_t max_rewrites, bool prune, bool strict, bool fold,
+           bool matmul_add_to_gemm, int64_t fold_max_bytes) {
           QuantBridge q(quant_tab);
           DriverOptions opt;
           opt.max_rewrites = max_rewrites;
           opt.prune = prune;
           opt.strict = strict;
+          opt.fold = fold;
+          opt.fold_options = fold_options(matmul_add_to_gemm, fold_max_bytes);
           DriverStats s;
           {
             py::gil_scoped_release nogil;
             s = run_reduce(ir, q.table(), opt);
           }
           q.write_back();
-          return stats_to_python(s);
+          return stats_to_python(ir, s);
         },
         py::arg("ir"), py::arg("quant_tab") = py::none(), py::arg("max_rewrites") = 0,
-        py::arg("prune") = true, py::arg("strict") = false,
+        py::arg("prune") = true, py::arg("strict") = false, py::arg("fold") = true,
+        py::arg("matmul_add_to_gemm") = false, py::arg("fold_max_bytes") = -1,
         "Runs cvt_reduce then fuse_reduce until nothing applies; returns the statistics.\n"
         "strict: a rule that throws, or edits the graph and then does not apply, raises\n"
-        "RuleError instead of being undone and reported in 'rule_faults'.");
+        "RuleError instead of being undone and reported in 'rule_faults'.\n"
+        "fold: fold constants and apply the standard fusions, before the tables and\n"
+        "whenever a rewrite leaves a node that folds; matmul_add_to_gemm: also fuse\n"
+        "MatMul + constant Add into Gemm; fold_max_bytes: largest folded result kept\n"
+        "as a constant (default 1 MB; -1 for the default).");
+  m.def("fold_constants",
+        [](IR& ir, bool matmul_add_to_gemm, int64_t fold_max_bytes) {
+          FoldStats f;
+          {
+            py::gil_scoped_release nogil;
+            f = fold_graph(ir, fold_options(matmul_add_to_gemm, fold_max_bytes));
+          }
+          return fold_to_python(ir, f);
+        },
+        py::arg("ir"), py::arg("matmul_add_to_gemm") = false, py::arg("fold_max_bytes") = -1,
+        "The fold pass alone: folds constants, inlines If nodes with a constant condition\n"
+        "and applies the standard fusions until nothing more folds; returns its statistics.\n"
+        "Nodes left without readers stay for prune_dead.");
   m.def("prune_dead", &prune_dead, py::arg("ir"),
         "Removes nodes whose outputs nobody uses and constants nobody reads.");
 

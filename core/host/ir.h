@@ -290,6 +290,11 @@ class IR {
   void add_graph_output(const std::string& t);
   bool has_tensor(const std::string& t) const { return tensors_.find(t) != nullptr; }
   const TensorInfo* tensor(const std::string& t) const;
+  // The index entry of input (or output) slot i of a node, without a name
+  // lookup for a node of this graph; null for an empty slot.
+  const TensorInfo* port_tensor(const Node& node, bool is_output, size_t i) const {
+    return port_info(node, is_output, i);
+  }
 
   // ---- nodes ------------------------------------------------------------
   // All nodes in a valid execution order (cached until the graph changes).

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include <onnx/onnx_pb.h>
 
@@ -27,6 +28,16 @@ void attr_to_proto(const Attr& a, onnx::AttributeProto* ap);
 
 // Whether the TensorProto keeps its data outside the model.
 bool has_external_data(const onnx::TensorProto& tp);
+
+// Names read inside the graph (and its own sub-graphs) that it does not
+// declare itself: the outer-scope names it captures, in first-use order,
+// appended to `out`.
+void free_names(const onnx::GraphProto& g, std::vector<std::string>& out);
+// The outer-scope names the node's graph attributes capture, each once.
+std::vector<std::string> implicit_inputs_of(const onnx::NodeProto& n);
+// The value of a Constant node, if it can be held as a constant (false for
+// sparse values and attribute references).
+bool constant_value(const onnx::NodeProto& n, NDArray& out);
 
 }  // namespace onnx_convert
 }  // namespace tolm

@@ -209,37 +209,6 @@ void attr_to_proto(const Attr& a, onnx::AttributeProto* ap) {
   }
 }
 
-}  // namespace onnx_convert
-
-using namespace onnx_convert;
-
-// ================================================================== load
-
-namespace {
-
-bool is_default_domain(const std::string& d) { return d.empty() || d == "ai.onnx"; }
-
-// Shape of a tensor type when every dimension has a value; else false.
-bool full_shape(const onnx::TypeProto& type, Shape& out) {
-  if (!type.has_tensor_type() || !type.tensor_type().has_shape()) return false;
-  const auto& sh = type.tensor_type().shape();
-  out.clear();
-  out.reserve(static_cast<size_t>(sh.dim_size()));
-  for (const auto& d : sh.dim()) {
-    if (!d.has_dim_value() || d.dim_value() < 0) return false;
-    out.push_back(d.dim_value());
-  }
-  return true;
-}
-
-void apply_type(IR& ir, const std::string& name, const onnx::TypeProto& type, bool with_shape) {
-  if (!type.has_tensor_type()) return;
-  const int32_t elem = type.tensor_type().elem_type();
-  Shape s;
-  if (with_shape && full_shape(type, s)) ir.set_shape(name, s, false, elem);
-  else if (elem != dt::UNDEFINED) ir.set_dtype(name, elem);
-}
-
 // Names read inside the graph (and its own sub-graphs) that it does not
 // declare itself: the outer-scope names it captures. First-use order.
 void free_names(const onnx::GraphProto& g, std::vector<std::string>& out) {
@@ -276,6 +245,73 @@ std::vector<std::string> implicit_inputs_of(const onnx::NodeProto& n) {
       if (seen.insert(t).second) out.push_back(std::move(t));
   }
   return out;
+}
+
+// The value of a Constant node, if it can be held as a constant.
+bool constant_value(const onnx::NodeProto& n, NDArray& out) {
+  if (n.attribute_size() != 1) return false;
+  const auto& a = n.attribute(0);
+  if (!a.ref_attr_name().empty()) return false;
+  const std::string& k = a.name();
+  if (k == "value") return a.has_t() && tensor_from_proto(a.t(), out).empty();
+  if (k == "value_float") {
+    out = NDArray::scalar_f64(a.f(), dt::FLOAT);
+    return true;
+  }
+  if (k == "value_floats") {
+    std::vector<double> v(a.floats().begin(), a.floats().end());
+    out = NDArray::from_f64(v, Shape{static_cast<int64_t>(v.size())}, dt::FLOAT);
+    return true;
+  }
+  if (k == "value_int") {
+    out = NDArray::scalar_i64(a.i());
+    return true;
+  }
+  if (k == "value_ints") {
+    out = NDArray::from_i64(std::vector<int64_t>(a.ints().begin(), a.ints().end()));
+    return true;
+  }
+  if (k == "value_string") {
+    out = NDArray::from_strings({a.s()}, Shape{});
+    return true;
+  }
+  if (k == "value_strings") {
+    out = NDArray::from_strings(std::vector<std::string>(a.strings().begin(), a.strings().end()),
+                                Shape{a.strings_size()});
+    return true;
+  }
+  return false;  // sparse_value
+}
+
+}  // namespace onnx_convert
+
+using namespace onnx_convert;
+
+// ================================================================== load
+
+namespace {
+
+bool is_default_domain(const std::string& d) { return d.empty() || d == "ai.onnx"; }
+
+// Shape of a tensor type when every dimension has a value; else false.
+bool full_shape(const onnx::TypeProto& type, Shape& out) {
+  if (!type.has_tensor_type() || !type.tensor_type().has_shape()) return false;
+  const auto& sh = type.tensor_type().shape();
+  out.clear();
+  out.reserve(static_cast<size_t>(sh.dim_size()));
+  for (const auto& d : sh.dim()) {
+    if (!d.has_dim_value() || d.dim_value() < 0) return false;
+    out.push_back(d.dim_value());
+  }
+  return true;
+}
+
+void apply_type(IR& ir, const std::string& name, const onnx::TypeProto& type, bool with_shape) {
+  if (!type.has_tensor_type()) return;
+  const int32_t elem = type.tensor_type().elem_type();
+  Shape s;
+  if (with_shape && full_shape(type, s)) ir.set_shape(name, s, false, elem);
+  else if (elem != dt::UNDEFINED) ir.set_dtype(name, elem);
 }
 
 std::string node_label(const onnx::GraphProto& g, int i) {
@@ -319,42 +355,6 @@ NDArray densify(const onnx::SparseTensorProto& sp) {
                 values.raw().data() + static_cast<size_t>(k) * es, es);
   }
   return NDArray(values.dtype(), dims, std::move(raw));
-}
-
-// The value of a Constant node, if it can be held as a constant.
-bool constant_value(const onnx::NodeProto& n, NDArray& out) {
-  if (n.attribute_size() != 1) return false;
-  const auto& a = n.attribute(0);
-  if (!a.ref_attr_name().empty()) return false;
-  const std::string& k = a.name();
-  if (k == "value") return a.has_t() && tensor_from_proto(a.t(), out).empty();
-  if (k == "value_float") {
-    out = NDArray::scalar_f64(a.f(), dt::FLOAT);
-    return true;
-  }
-  if (k == "value_floats") {
-    std::vector<double> v(a.floats().begin(), a.floats().end());
-    out = NDArray::from_f64(v, Shape{static_cast<int64_t>(v.size())}, dt::FLOAT);
-    return true;
-  }
-  if (k == "value_int") {
-    out = NDArray::scalar_i64(a.i());
-    return true;
-  }
-  if (k == "value_ints") {
-    out = NDArray::from_i64(std::vector<int64_t>(a.ints().begin(), a.ints().end()));
-    return true;
-  }
-  if (k == "value_string") {
-    out = NDArray::from_strings({a.s()}, Shape{});
-    return true;
-  }
-  if (k == "value_strings") {
-    out = NDArray::from_strings(std::vector<std::string>(a.strings().begin(), a.strings().end()),
-                                Shape{a.strings_size()});
-    return true;
-  }
-  return false;  // sparse_value
 }
 
 // Throws LoadError naming a node on a cycle, if the node list has one.

@@ -25,6 +25,11 @@ constexpr int kMaxMatchesPerAnchor = 32;
 // Rounds of the whole tables; one more than needed is the one that finds
 // nothing left to do.
 constexpr int kMaxRounds = 8;
+// Node::work_flags bits: queued since the fold pass last looked at it, and
+// on the fold worklist. The rule worklists use the bits 1 to 8, fold_graph
+// 0x10.
+constexpr uint8_t kFoldPending = 0x20;
+constexpr uint8_t kFoldQueued = 0x40;
 
 // A FIFO of nodes, each queued at most once at a time. Membership is a bit
 // on the node, so queueing costs no lookup however large the graph.
@@ -273,7 +278,8 @@ class Driver {
  public:
   Driver(IR& ir, const std::vector<Row>& first, const std::vector<Row>& second, QuantTable* qt,
          const DriverOptions& opt)
-      : ir_(ir), qt_(qt), cvt_(first), fuse_(second), strict_(opt.strict) {
+      : ir_(ir), qt_(qt), cvt_(first), fuse_(second), strict_(opt.strict),
+        fold_(opt.fold ? &opt.fold_options : nullptr) {
     budget_ = opt.max_rewrites > 0 ? opt.max_rewrites
                                    : 20 * static_cast<int64_t>(ir.node_count()) + 10000;
     // Which worklists a node of each op type belongs on: one that no row
@@ -291,15 +297,16 @@ class Driver {
     ir_.set_journal(true);
     for (Node* n : ir_.node_order()) push_all(n->shared_from_this());
     while (true) {
+      drain_folds();
       if (!drain(cvt_, cvt_regular_, false)) break;
       if (!drain(fuse_, fuse_regular_, false)) break;
-      if (!cvt_regular_.empty()) continue;
+      if (!cvt_regular_.empty() || !folds_.empty()) continue;
       // Rows that may rewrite without shrinking run one anchor at a time,
       // each followed by the cheap rows on whatever it touched.
       if (step_one(cvt_, cvt_limited_)) continue;
       if (step_one(fuse_, fuse_limited_)) continue;
       if (cvt_regular_.empty() && fuse_regular_.empty() && cvt_limited_.empty() &&
-          fuse_limited_.empty())
+          fuse_limited_.empty() && folds_.empty())
         break;
       if (!stats_.converged) break;
     }
@@ -314,8 +321,22 @@ class Driver {
     auto it = lists_of_op_.find(n.op_type());
     return it == lists_of_op_.end() ? 0 : it->second;
   }
+  // A queued node is offered to the fold pass once: by try_rows when it
+  // comes up on a rule worklist, or from its own worklist when no row
+  // anchors at its op type (Shape, Range, ...).
+  void mark_for_fold(const NodePtr& n, uint8_t lists) {
+    n->work_flags |= kFoldPending;
+    if (lists == 0) folds_.push(n);
+  }
+  void drain_folds() {
+    while (!folds_.empty() && stats_.converged) {
+      NodePtr n = folds_.pop();
+      if (ir_.contains(*n)) try_fold(n);
+    }
+  }
   void push_all(const NodePtr& n) {
     const uint8_t lists = lists_of(*n);
+    if (fold_) mark_for_fold(n, lists);
     if (lists & 1) cvt_regular_.push(n);
     if (lists & 2) fuse_regular_.push(n);
     if (lists & 4) cvt_limited_.push(n);
@@ -323,6 +344,7 @@ class Driver {
   }
   void push_all_front(const NodePtr& n) {
     const uint8_t lists = lists_of(*n);
+    if (fold_) mark_for_fold(n, lists);
     if (lists & 1) cvt_regular_.push_front(n);
     if (lists & 2) fuse_regular_.push_front(n);
     if (lists & 4) cvt_limited_.push_front(n);
@@ -351,7 +373,26 @@ class Driver {
     return false;
   }
 
+  // A node that folds (its inputs became constant, say) is folded before
+  // any rule looks at it: once each time it is queued, whichever worklist
+  // it comes up on first.
+  bool try_fold(const NodePtr& n) {
+    if (!fold_ || !(n->work_flags & kFoldPending)) return false;
+    n->work_flags &= static_cast<uint8_t>(~kFoldPending);
+    if (fold_faulted_.count(n->uid())) return false;
+    try {
+      if (!fold_step(ir_, *n, *fold_, stats_.fold)) return false;
+    } catch (const std::exception& e) {
+      fold_faulted_.insert(n->uid());
+      report_fault(stats_, strict_, "fold at " + n->name() + ": " + e.what());
+      return false;
+    }
+    requeue_touched();
+    return true;
+  }
+
   bool try_rows(const TableIndex& table, const NodePtr& n, bool limited) {
+    if (try_fold(n)) return true;
     const auto& index = limited ? table.limited : table.regular;
     auto it = index.find(n->op_type());
     if (it == index.end()) return false;
@@ -404,16 +445,21 @@ class Driver {
       for (const auto& n : res.add) depth_[n->uid()] = depth;
     ++stats_.fired[row.key];
     ++stats_.rewrites;
-    remove_released();
-    std::vector<NodePtr> touched = ir_.take_touched();
-    for (auto it = touched.rbegin(); it != touched.rend(); ++it)
-      if (ir_.contains(**it)) push_all_front(*it);
+    requeue_touched();
     if (stats_.rewrites >= budget_) {
       stats_.converged = false;
       tolmLog::w("reduce stopped after " + std::to_string(stats_.rewrites) +
                  " rewrites without reaching a fixed point");
     }
     return true;
+  }
+
+  // After an edit: dead producers go, and the nodes it touched come up next.
+  void requeue_touched() {
+    remove_released();
+    std::vector<NodePtr> touched = ir_.take_touched();
+    for (auto it = touched.rbegin(); it != touched.rend(); ++it)
+      if (ir_.contains(**it)) push_all_front(*it);
   }
 
   // Producers whose outputs lost their last reader go, and so on upwards.
@@ -443,7 +489,7 @@ class Driver {
   IR& ir_;
   QuantTable* qt_;
   TableIndex cvt_, fuse_;
-  Worklist cvt_regular_{1}, fuse_regular_{2}, cvt_limited_{4}, fuse_limited_{8};
+  Worklist cvt_regular_{1}, fuse_regular_{2}, cvt_limited_{4}, fuse_limited_{8}, folds_{kFoldQueued};
   std::unordered_map<std::pair<size_t, uint64_t>, int, PairHash> limit_fires_;
   std::unordered_map<uint64_t, int> depth_;  // node uid -> limit rewrites behind it
   std::unordered_set<std::pair<size_t, uint64_t>, PairHash> faulted_;
@@ -452,6 +498,8 @@ class Driver {
   DriverStats stats_;
   int64_t budget_;
   bool strict_;
+  const FoldOptions* fold_;
+  std::unordered_set<uint64_t> fold_faulted_;  // node uids where a fold step threw
 };
 
 }  // namespace
@@ -564,7 +612,13 @@ DriverStats run_tables(IR& ir, const std::vector<Row>& first, const std::vector<
                              ? options.max_rewrites
                              : 20 * static_cast<int64_t>(ir.node_count()) + 10000;
   for (int round = 0;; ++round) {
-    int64_t changed = round == 0 ? make_reshape_shapes_explicit(ir) : 0;
+    int64_t changed = 0;
+    if (round == 0 && options.fold) {
+      const FoldStats folded = fold_graph(ir, options.fold_options);
+      total.fold.add(folded);
+      changed += folded.steps;
+    }
+    if (round == 0) changed += make_reshape_shapes_explicit(ir);
     // Dead readers in the input would block rules that want a single reader.
     if (options.prune) {
       const int64_t dead = prune_dead(ir);
@@ -581,12 +635,13 @@ DriverStats run_tables(IR& ir, const std::vector<Row>& first, const std::vector<
     total.attempts += s.attempts;
     total.pruned_nodes += s.pruned_nodes;
     total.rule_faults.insert(total.rule_faults.end(), s.rule_faults.begin(), s.rule_faults.end());
+    total.fold.add(s.fold);
     if (options.prune) {
       const int64_t dead = prune_dead(ir);
       total.pruned_nodes += dead;
       changed += dead;
     }
-    changed += s.rewrites;
+    changed += s.rewrites + s.fold.steps;
     if (!s.converged || total.rewrites >= budget) {
       total.converged = false;
       break;

@@ -9,6 +9,7 @@
 #include <vector>
 #include <string>
 
+#include "fold/fold.h"
 #include "reduce/rule.h"
 #include "reduce/tables.h"
 
@@ -20,6 +21,10 @@ struct DriverOptions {
   // Remove dead branches and unused constants before the rules run (a dead
   // reader would block rules that need a single reader) and at the end.
   bool prune = true;
+  // Fold constants and apply the standard fusions: once over the graph
+  // before the tables, then at every node the driver takes up.
+  bool fold = true;
+  FoldOptions fold_options;
   // A rule that edits the graph and then says it does not apply, or that
   // throws, is a bug. Strict: the driver throws RuleError. Otherwise the
   // graph is put back as it was, the fault is logged and reported, and the
@@ -45,6 +50,7 @@ struct DriverStats {
   // Rules that threw or edited the graph and then did not apply, one line
   // each (row key, node, what happened); each was undone.
   std::vector<std::string> rule_faults;
+  FoldStats fold;
 };
 
 // Runs cvt_reduce then fuse_reduce, repeated until neither applies.

@@ -19,6 +19,15 @@ __version__ = "0.1.0"
 MAX_CHECK_RUNS = 1000
 
 
+def _fold_report(stats: dict) -> dict:
+    return {
+        "removed_nodes": stats["removed_nodes"],
+        "folded": dict(sorted(stats["folded"].items())),
+        "fusions": dict(sorted(stats["fusions"].items())),
+        "kept_by_size": list(stats["kept_by_size"]),
+    }
+
+
 def _reduce_bytes(
     model,
     target: str,
@@ -27,6 +36,8 @@ def _reduce_bytes(
     check: int,
     strict: Optional[bool],
     keep: Optional[list] = None,
+    fold: bool = True,
+    matmul_add_to_gemm: bool = False,
 ):
     """The reduced model as serialized bytes, the report, the original bytes
     and the checked input shapes; the model is never parsed in Python here, so
@@ -48,7 +59,7 @@ def _reduce_bytes(
     t1 = time.perf_counter()
     ops_before = ir.op_counts()
     rules.clear_log_history()
-    stats = rules.run_reduce(ir, quant_tab, strict=strict)
+    stats = rules.run_reduce(ir, quant_tab, strict=strict, fold=fold, matmul_add_to_gemm=matmul_add_to_gemm)
     t2 = time.perf_counter()
     ops_after = ir.op_counts()
     data = ir.to_bytes()
@@ -68,6 +79,7 @@ def _reduce_bytes(
         "pruned_nodes": stats["pruned_nodes"],
         "converged": stats["converged"],
         "rule_faults": list(stats["rule_faults"]),
+        "fold": _fold_report(stats["fold"]) if fold else None,
         "unavailable_rules": list(rules.unavailable_rules()),
         "log": list(rules.log_history()),
         "times": {"load": t1 - t0, "reduce": t2 - t1, "save": t3 - t2},
@@ -92,6 +104,8 @@ def reduce(
     input_shapes: Optional[Mapping[str, Sequence[int]]] = None,
     check: int = 0,
     strict: Optional[bool] = None,
+    fold: bool = True,
+    matmul_add_to_gemm: bool = False,
 ) -> Tuple[onnx.ModelProto, dict]:
     """Reduces a model (ModelProto, serialized bytes or path).
 
@@ -102,8 +116,15 @@ def reduce(
     edits the graph and then does not apply) raises ``RuleError``; otherwise
     its edit is undone and listed under ``rule_faults``. ``strict=None``
     takes the environment variable ``TOLM_STRICT`` (set to 1 by the test
-    suites). Returns ``(reduced_model, report)``."""
-    data, report, original_bytes, shapes = _reduce_bytes(model, target, quant_tab, input_shapes, check, strict)
+    suites). ``fold`` folds what is constant (shape arithmetic on static
+    shapes, If nodes with a constant condition, Identity on weights) and
+    applies the standard fusions (BatchNormalization and zero Pad into Conv,
+    constant Add into a Conv bias, chains of Mul or Add by constants);
+    ``matmul_add_to_gemm`` also turns MatMul + constant Add into Gemm.
+    Returns ``(reduced_model, report)``."""
+    data, report, original_bytes, shapes = _reduce_bytes(
+        model, target, quant_tab, input_shapes, check, strict, fold=fold, matmul_add_to_gemm=matmul_add_to_gemm
+    )
     reduced = onnx.load_from_string(data)
     if check > 0:
         _run_check(report, original_bytes, reduced, check, shapes)
@@ -143,6 +164,17 @@ def format_report(report: dict) -> str:
         f"rewrites {report['rewrites']}, rule calls {report['attempts']}, "
         f"pruned nodes {report['pruned_nodes']}" + ("" if report["converged"] else ", stopped at the rewrite limit")
     )
+    fold = report.get("fold")
+    if fold is None:
+        lines.append("folding off")
+    else:
+        lines.append(f"folding removed {fold['removed_nodes']} node(s)")
+        if fold["folded"]:
+            lines.append("  folded: " + ", ".join(f"{op} {n}" for op, n in fold["folded"].items()))
+        if fold["fusions"]:
+            lines.append("  fused: " + ", ".join(f"{k} {n}" for k, n in fold["fusions"].items()))
+        if fold["kept_by_size"]:
+            lines.append(f"  kept by the size limit: {len(fold['kept_by_size'])} node(s)")
     faults = report.get("rule_faults") or []
     if faults:
         lines.append(f"{len(faults)} rule fault(s), each undone:")

@@ -1,7 +1,7 @@
 """tolm-reduce: reduce an ONNX model and print what changed.
 
     tolm-reduce IN.onnx -o OUT.onnx [--target npu_x] [--input-shape NAME:1,3,224,224 ...]
-                [--check N] [--report FILE.json]
+                [--check N] [--report FILE.json] [--no-fold] [--matmul-add-to-gemm]
 
 Without IN.onnx a built-in example model is reduced. Exit codes: 0 done,
 1 the numeric check failed, 2 bad input or usage.
@@ -51,6 +51,15 @@ def _parser() -> argparse.ArgumentParser:
         "--check", type=int, default=0, metavar="N", help="compare outputs in onnxruntime on N random inputs (at most 1000)"
     )
     p.add_argument("--report", metavar="FILE.json", help="write the report as JSON")
+    p.add_argument(
+        "--no-fold",
+        dest="fold",
+        action="store_false",
+        help="do not fold constants, inline constant If nodes or apply the standard fusions",
+    )
+    p.add_argument(
+        "--matmul-add-to-gemm", action="store_true", help="also fuse MatMul followed by a constant Add into Gemm"
+    )
     return p
 
 
@@ -115,7 +124,8 @@ def main(argv: Optional[List[str]] = None) -> int:
         # Bytes straight to the file: the reduced model is parsed in Python
         # only when the check needs it.
         data, report, original_bytes, checked_shapes = tolm._reduce_bytes(
-            model, args.target, None, shapes, args.check, None, keep=_KEEP_UNTIL_EXIT
+            model, args.target, None, shapes, args.check, None, keep=_KEEP_UNTIL_EXIT,
+            fold=args.fold, matmul_add_to_gemm=args.matmul_add_to_gemm,
         )
         if args.check > 0:
             tolm._run_check(report, original_bytes, onnx.load_from_string(data), args.check, checked_shapes)

@@ -1285,6 +1285,257 @@ def pat_siblings(b: Builder) -> None:
                 b.node1("Neg" if e != FLOAT or b.p(0.5) else "Relu", [name], e, b.shape(name))
 
 
+# -- what folding and the standard fusions work on ------------------------------
+
+
+def pat_const_subgraph(b: Builder) -> None:
+    """A few operators on constants only, whose result meets the data: what
+    exporters leave of weight preprocessing."""
+    x = b.pick_any()
+    e, s = b.elem(x), b.shape(x)
+    cs = tuple(b.other_shape(s, larger=False))
+    c = b.const(b.values(e, cs, "nonzero" if e == FLOAT else "random"))
+    share = b.p(0.3)  # later patterns may read the folded tensors too
+    for _ in range(b.randint(1, 3)):
+        u = b.rng.random()
+        if u < 0.25:
+            ops = ["Neg", "Abs", "Relu", "Sigmoid", "Floor"] if e == FLOAT else ["Neg", "Abs"]
+            c = b.node1(b.pick_one(ops), [c], e, cs, pool=share)
+        elif u < 0.45 and len(cs) >= 2:
+            perm = random_perm(b, len(cs))
+            t = transpose(b, c, perm)
+            c = transpose(b, t, inverse_perm(perm))
+        elif u < 0.65:
+            other = b.const(b.values(e, cs if b.p(0.6) else ()))
+            c = b.node1(b.pick_one(["Add", "Mul", "Sub"]), [c, other], e, cs, pool=share)
+        elif u < 0.8:
+            flat = b.node1("Reshape", [c, b.ints([-1], "shape")], e, [prod(cs)], pool=share)
+            c = b.node1("Reshape", [flat, b.ints(list(cs) or [], "shape")], e, cs, pool=share)
+        elif e == FLOAT:
+            wide = b.node1("Cast", [c], DOUBLE, cs, pool=False, to=DOUBLE)
+            c = b.node1("Cast", [wide], FLOAT, cs, pool=share, to=FLOAT)
+        else:
+            c = b.node1("Identity", [c], e, cs, pool=share)
+    ins = [x, c] if b.p(0.6) else [c, x]
+    b.node1(b.pick_one(["Add", "Mul", "Sub"]), ins, e, broadcast(s, cs))
+
+
+def shape_piece(b: Builder, shape_t: str, s: Shape, i: int) -> str:
+    """Dimension i of a tensor as a 1-element int64, read from its Shape."""
+    if b.p(0.5):
+        dim = b.node1("Gather", [shape_t, b.const(np.int64(i - len(s) if b.p(0.3) else i), "idx")], INT64, [], pool=False, axis=0)
+        return b.node1("Unsqueeze", [dim, b.ints([0], "axes")], INT64, [1], pool=False)
+    if b.p(0.5):
+        return b.node1("Gather", [shape_t, b.ints([i], "idx")], INT64, [1], pool=False, axis=0)
+    return b.node1("Slice", [shape_t, b.ints([i], "starts"), b.ints([i + 1], "ends")], INT64, [1], pool=False)
+
+
+def pat_shape_arith(b: Builder) -> None:
+    """Shape -> Gather -> Unsqueeze -> Concat -> Reshape on a static shape, as
+    transformer exports split and merge heads: the target dims are read from
+    the input's shape where they match, products of two where two merge, and
+    constants (one of them -1) elsewhere."""
+    x = b.pick_any(min_rank=1)
+    s = b.shape(x)
+    shape_t = b.node1("Shape", [x], INT64, [len(s)], pool=False)
+    pieces, target, i = [], [], 0
+    free = True
+    while i < len(s):
+        u = b.rng.random()
+        if u < 0.3 and i + 1 < len(s):  # two dims merged
+            prod_t = b.node1("Mul", [shape_piece(b, shape_t, s, i), shape_piece(b, shape_t, s, i + 1)], INT64, [1], pool=False)
+            pieces.append(prod_t)
+            target.append(s[i] * s[i + 1])
+            i += 2
+            continue
+        if u < 0.45 and free:
+            pieces.append(b.ints([-1], "dims"))
+            free = False
+        elif u < 0.6:
+            pieces.append(b.ints([s[i]], "dims"))
+        else:
+            pieces.append(shape_piece(b, shape_t, s, i))
+        target.append(s[i])
+        i += 1
+    if len(pieces) == 1:
+        tgt = pieces[0]
+    else:
+        tgt = b.node1("Concat", pieces, INT64, [len(pieces)], pool=False, axis=0)
+    y = b.node1("Reshape", [x, tgt], b.elem(x), target)
+    if b.p(0.3):  # and back to the original shape, read from the input
+        b.node1("Reshape", [y, shape_t], b.elem(x), s)
+
+
+def pat_mask(b: Builder) -> None:
+    """A mask built from static sizes (Range, Unsqueeze, a comparison, Expand,
+    ConstantOfShape, Where) and applied to the data."""
+    x = b.pick_float(min_rank=1)
+    s = b.shape(x)
+    n = s[-1]
+    dim = b.node1("Gather", [b.node1("Shape", [x], INT64, [len(s)], pool=False), b.const(np.int64(-1), "idx")], INT64, [], pool=False, axis=0)
+    pos = b.node1("Range", [b.const(np.int64(0), "start"), dim, b.const(np.int64(1), "delta")], INT64, [n], pool=False)
+    if len(s) >= 2 and s[-2] == n and b.p(0.6):
+        row = b.node1("Unsqueeze", [pos, b.ints([0], "axes")], INT64, [1, n], pool=False)
+        col = b.node1("Unsqueeze", [pos, b.ints([1], "axes")], INT64, [n, 1], pool=False)
+        mask = b.node1(b.pick_one(["Less", "Greater", "Equal"]), [row, col], BOOL, [n, n], pool=False)
+        ms = (n, n)
+    else:
+        k = b.const(np.int64(b.randint(0, n)), "k")
+        mask = b.node1(b.pick_one(["Less", "Greater", "Equal"]), [pos, k], BOOL, [n], pool=False)
+        ms = (n,)
+    if b.p(0.4):
+        mask = b.node1("Equal", [mask, b.const(np.bool_(False), "no")], BOOL, ms, pool=False)
+    if b.p(0.4):
+        mask = b.node1("Expand", [mask, b.node1("Shape", [x], INT64, [len(s)], pool=False)], BOOL, broadcast(s, ms), pool=False)
+        ms = broadcast(s, ms)
+    if b.p(0.3):
+        ones = b.node1("ConstantOfShape", [b.node1("Shape", [x], INT64, [len(s)], pool=False)], FLOAT, s, pool=False,
+                       value=numpy_helper.from_array(np.array([1.0], np.float32)))
+        x = b.node1("Mul", [x, ones], FLOAT, s)
+    bias = b.node1("Where", [mask, b.const(np.float32(0.0), "keep"), b.const(np.float32(-4.0), "drop")], FLOAT, ms, pool=False)
+    b.node1("Add", [x, bias], FLOAT, broadcast(s, ms))
+
+
+def _branch(b: Builder, x: str, depth: int) -> onnx.GraphProto:
+    """A branch of an If: a small computation of the outer tensor x."""
+    e, s = b.elem(x), b.shape(x)
+    nodes: List[onnx.NodeProto] = []
+    inits: List[onnx.TensorProto] = []
+    t = x
+
+    def made(name: str) -> str:
+        b.info[name] = (e, tuple(s))
+        return name
+
+    for _ in range(b.randint(1, 2)):
+        out = made(b.fresh("br"))
+        ops = ["Relu", "Neg", "Abs", "Sigmoid"] if e == FLOAT else ["Neg", "Abs"]
+        nodes.append(helper.make_node(b.pick_one(ops), [t], [out], name=b.fresh("brn")))
+        t = out
+    if depth == 0 and b.p(0.3):  # an If inside the branch, on another fixed condition
+        size = b.fresh("br")
+        cond = b.fresh("br")
+        lim = b.fresh("brc")
+        inits.append(numpy_helper.from_array(np.array(b.randint(0, 2 * prod(s)), np.int64), lim))
+        nodes.append(helper.make_node("Size", [x], [size], name=b.fresh("brn")))
+        nodes.append(helper.make_node("Less", [size, lim], [cond], name=b.fresh("brn")))
+        out = made(b.fresh("br"))
+        nodes.append(helper.make_node("If", [cond], [out], name=b.fresh("brn"),
+                                      then_branch=_branch(b, t, 1), else_branch=_branch(b, t, 1)))
+        t = out
+    if t == x or b.p(0.2):  # an outer tensor passed out through an Identity
+        out = made(b.fresh("br"))
+        nodes.append(helper.make_node("Identity", [t], [out], name=b.fresh("brn")))
+        t = out
+    return helper.make_graph(nodes, b.fresh("branch"), [], [helper.make_tensor_value_info(t, e, list(s))], inits)
+
+
+def pat_const_if(b: Builder) -> None:
+    """An If whose condition is fixed by static shapes."""
+    x = b.pick_any()
+    s = b.shape(x)
+    size = b.node1("Size", [x], INT64, [], pool=False)
+    cond = b.node1(b.pick_one(["Equal", "Greater"]), [size, b.const(np.int64(prod(s) - b.randint(0, 1)), "n")], BOOL, [], pool=False)
+    b.node1("If", [cond], b.elem(x), s, then_branch=_branch(b, x, 0), else_branch=_branch(b, x, 0))
+
+
+def pat_conv_bn(b: Builder) -> None:
+    """Conv or ConvTranspose, then BatchNormalization."""
+    x = b.pick_float(min_rank=3, max_rank=4)
+    s = b.shape(x)
+    sp, c = len(s) - 2, s[1]
+    group = b.pick_one([g for g in (1, 2, c) if c % g == 0])
+    m = group * b.randint(1, 3)
+    if b.p(0.3):
+        w = b.rng.standard_normal((c, m // group) + (1,) * sp) / math.sqrt(c)
+        op, out = "ConvTranspose", [s[0], m] + list(s[2:])
+    else:
+        k = 1 if b.p(0.5) or any(d < 3 for d in s[2:]) else 3
+        w = b.rng.standard_normal((m, c // group) + (k,) * sp) / math.sqrt(c * k**sp)
+        op, out = "Conv", [s[0], m] + [d - k + 1 for d in s[2:]]
+    ins = [x, b.const(w.astype(np.float32), "w")]
+    if b.p(0.4):
+        ins.append(b.const(b.rng.standard_normal(m).astype(np.float32), "bias"))
+    y = b.node1(op, ins, FLOAT, out, group=group)
+    params = [b.rng.uniform(0.5, 2, m), b.rng.standard_normal(m), b.rng.standard_normal(m), b.rng.uniform(0.5, 2, m)]
+    b.node1("BatchNormalization", [y] + [b.const(p.astype(np.float32), "bn") for p in params], FLOAT, out)
+
+
+def pat_pad_into(b: Builder) -> None:
+    """A constant Pad of the spatial axes in front of a Conv or pool (after a
+    Relu, or not: MaxPool's own padding is -inf, not zero)."""
+    x = b.pick_float(min_rank=3, max_rank=4)
+    if b.p(0.4):
+        x = b.node1("Relu", [x], FLOAT, b.shape(x))
+    s = b.shape(x)
+    sp = len(s) - 2
+    before = [b.randint(0, 1) for _ in range(sp)]
+    after = [b.randint(0, 1) for _ in range(sp)]
+    pads = [0, 0] + before + [0, 0] + after
+    ins = [x, b.ints(pads, "pads")]
+    op = b.pick_one(["Conv", "Conv", "MaxPool", "AveragePool"])
+    # MaxPool pads with -inf itself; a -inf Pad elsewhere would only make NaNs.
+    value = 0.0 if b.p(0.8) else (float("-inf") if op == "MaxPool" and b.p(0.5) else 1.0)
+    if value != 0.0 or b.p(0.4):
+        ins.append(b.const(np.float32(value), "value"))
+    ps = [s[0], s[1]] + [d + p + q for d, p, q in zip(s[2:], before, after)]
+    y = b.node1("Pad", ins, FLOAT, ps)
+    k = b.pick_one([2, 3]) if all(d >= 3 for d in ps[2:]) else 1
+    attrs: Dict[str, object] = {"kernel_shape": [k] * sp}
+    own = [b.randint(0, max(0, k - 2)) for _ in range(2 * sp)] if b.p(0.3) else [0] * (2 * sp)
+    if any(own):
+        attrs["pads"] = own
+    out = [d + own[i] + own[i + sp] - k + 1 for i, d in enumerate(ps[2:])]
+    if op == "Conv":
+        w = b.rng.standard_normal((2, s[1]) + (k,) * sp) / math.sqrt(s[1] * k**sp)
+        b.node1(op, [y, b.const(w.astype(np.float32), "w")], FLOAT, [s[0], 2] + out, **attrs)
+    else:
+        if op == "AveragePool" and b.p(0.5):
+            attrs["count_include_pad"] = b.randint(0, 1)
+        b.node1(op, [y], FLOAT, list(s[:2]) + out, **attrs)
+
+
+def pat_conv_add(b: Builder) -> None:
+    """A Conv, then an Add of a constant that is one value per channel (or
+    one for all, or not per channel)."""
+    x = b.pick_float(min_rank=3, max_rank=4)
+    s = b.shape(x)
+    sp, c = len(s) - 2, s[1]
+    m = b.randint(1, 4)
+    w = b.rng.standard_normal((m, c) + (1,) * sp) / math.sqrt(c)
+    ins = [x, b.const(w.astype(np.float32), "w")]
+    if b.p(0.4):
+        ins.append(b.const(b.rng.standard_normal(m).astype(np.float32), "bias"))
+    out = [s[0], m] + list(s[2:])
+    y = b.node1("Conv", ins, FLOAT, out)
+    ks = b.pick_one([(1, m) + (1,) * sp, (m,) + (1,) * sp, (), (1,), tuple(out[1:])])
+    k = b.const(b.rng.standard_normal(ks).astype(np.float32), "k")
+    b.node1("Add", [y, k] if b.p(0.5) else [k, y], FLOAT, broadcast(out, ks))
+
+
+def pat_const_chain(b: Builder) -> None:
+    """Mul by a constant twice, or Add twice."""
+    x = b.pick_any()
+    e, s = b.elem(x), b.shape(x)
+    op = b.pick_one(["Mul", "Add"])
+    y = x
+    for _ in range(b.randint(2, 3)):
+        cs = b.other_shape(s, larger=False)
+        kind = "nonzero" if op == "Mul" and e == FLOAT else "random"
+        y = elementwise_const(b, y, op, kind, b.p(0.5), cs)
+
+
+def pat_identity_weight(b: Builder) -> None:
+    """Identity nodes reading a stored weight, one weight read through two."""
+    x = b.pick_any()
+    e, s = b.elem(x), b.shape(x)
+    cs = b.other_shape(s, larger=False)
+    wgt = b.const(b.values(e, cs))
+    for _ in range(b.randint(1, 2)):
+        ident = b.node1("Identity", [wgt], e, cs, pool=b.p(0.2))
+        b.node1(b.pick_one(["Add", "Mul"]), [x, ident], e, broadcast(s, cs))
+
+
 PATTERNS: List[Tuple[Callable[[Builder], None], float]] = [
     (pat_transpose, 8),
     (pat_transpose_pair, 8),
@@ -1322,6 +1573,15 @@ PATTERNS: List[Tuple[Callable[[Builder], None], float]] = [
     (pat_inner_shuffle, 3),
     (pat_gather_ranges, 3),
     (pat_siblings, 6),
+    (pat_const_subgraph, 3),
+    (pat_shape_arith, 3),
+    (pat_mask, 2),
+    (pat_const_if, 1.5),
+    (pat_conv_bn, 1.5),
+    (pat_pad_into, 2),
+    (pat_conv_add, 1.5),
+    (pat_const_chain, 2),
+    (pat_identity_weight, 1.5),
 ]
 _WEIGHTS = np.array([w for _, w in PATTERNS], dtype=float)
 _WEIGHTS /= _WEIGHTS.sum()

@@ -1,0 +1,258 @@
+// Fusions into a convolution or pool: BatchNormalization into the Conv or
+// ConvTranspose before it, a constant zero Pad into the Conv or pool after
+// it, and a constant per-channel Add into a Conv's bias.
+//
+// Each replaces the two nodes by one new node that produces the second
+// node's outputs, so a graph output keeps its name and a producer; the
+// tensor between them must have no other reader. New weights and biases are
+// new constants: a weight shared with another node is never changed for it.
+#include <cmath>
+#include <limits>
+
+#include <xtensor/xarray.hpp>
+#include <xtensor/xbroadcast.hpp>
+#include <xtensor/xmath.hpp>
+
+#include "fold/evaluate.h"
+#include "fold/steps.h"
+#include "host/edit.h"
+#include "host/helpers.h"
+#include "host/xarray_bridge.h"
+
+namespace tolm {
+namespace fold {
+
+namespace {
+
+bool is_conv(const Node& n) {
+  return (n.op_type() == "Conv" || n.op_type() == "ConvTranspose") && in_default_domain(n) && n.output.size() == 1;
+}
+
+bool float_type(int32_t dtype) { return dtype == dt::FLOAT || dtype == dt::DOUBLE; }
+
+// Outputs after the first are absent or unused.
+bool only_first_output_used(const IR& ir, const Node& n) {
+  for (size_t k = 1; k < n.output.size(); ++k)
+    if (!n.output[k].empty() && (ir.use_count(n.output[k]) > 0 || ir.is_output(n.output[k]))) return false;
+  return true;
+}
+
+// The bias of a convolution: its constant third input, zeros when it has
+// none; null when the bias is not constant.
+const NDArray* conv_bias(const IR& ir, const Node& conv, int64_t channels, int32_t dtype, NDArray& zeros) {
+  if (conv.input.size() > 2 && !conv.input[2].empty()) return ir.get_const(conv.input[2]);
+  zeros = NDArray::from_f64(std::vector<double>(static_cast<size_t>(channels), 0.0), Shape{channels}, dtype);
+  return &zeros;
+}
+
+// A copy of `conv` reading `x`, `weight`, `bias` and producing `out`.
+NodePtr conv_with(const Node& conv, const std::string& x, const std::string& weight, const std::string& bias,
+                  const std::string& out) {
+  NodePtr fresh = conv.clone();
+  fresh->input.assign({x, weight, bias});
+  fresh->output.assign({out});
+  return fresh;
+}
+
+// Producers whose outputs are never negative, for MaxPool's padding.
+bool non_negative(const IR& ir, const std::string& t) {
+  const NodePtr p = ir.producer(t);
+  if (!p || !in_default_domain(*p)) return false;
+  const std::string& op = p->op_type();
+  if (op == "Relu" || op == "Sigmoid" || op == "Softplus" || op == "Abs" || op == "Exp") return true;
+  if (op == "Clip" && p->input.size() > 1) {
+    const NDArray* lo = ir.get_const(p->input[1]);
+    return lo && lo->size() == 1 && lo->f64_at(0) >= 0.0;
+  }
+  return false;
+}
+
+}  // namespace
+
+bool fuse_batchnorm_into_conv(IR& ir, Node& bn, FoldStats& stats) {
+  if (bn.op_type() != "BatchNormalization" || !in_default_domain(bn) || bn.input.size() != 5) return false;
+  if (IR::get_attr_int(bn, "training_mode").value_or(0) != 0 || !only_first_output_used(ir, bn)) return false;
+  const NodePtr conv = ir.producer(bn.input[0]);
+  if (!conv || !is_conv(*conv) || conv->input.size() < 2 || !sole_reader(ir, bn.input[0], bn)) return false;
+  const NDArray* w = ir.get_const(conv->input[1]);
+  if (!w || !float_type(w->dtype()) || w->ndim() < 3) return false;
+  const bool transposed = conv->op_type() == "ConvTranspose";
+  const int64_t group = IR::get_attr_int(*conv, "group").value_or(1);
+  if (group <= 0 || (transposed && w->shape()[0] % group != 0)) return false;
+  const int64_t channels = transposed ? w->shape()[1] * group : w->shape()[0];
+  std::vector<const NDArray*> params;
+  for (size_t k = 1; k < 5; ++k) {
+    const NDArray* p = ir.get_const(bn.input[k]);
+    if (!p || p->dtype() != w->dtype() || p->shape() != Shape{channels}) return false;
+    params.push_back(p);
+  }
+  NDArray zeros;
+  const NDArray* bias = conv_bias(ir, *conv, channels, w->dtype(), zeros);
+  if (!bias || bias->dtype() != w->dtype() || bias->size() != channels) return false;
+
+  const double eps = IR::get_attr_float(bn, "epsilon").value_or(1e-5f);
+  const xt::xarray<double> scale = to_xarray<double>(*params[0]), shift = to_xarray<double>(*params[1]),
+                           mean = to_xarray<double>(*params[2]), var = to_xarray<double>(*params[3]);
+  xt::xarray<double> s = scale / xt::sqrt(var + eps);
+  if (!xt::all(xt::isfinite(s))) return false;
+  const xt::xarray<double> b = (to_xarray<double>(*bias) - mean) * s + shift;
+  xt::xarray<double> wd = to_xarray<double>(*w);
+  const std::vector<size_t> wshape(wd.shape().begin(), wd.shape().end());
+  if (!transposed) {
+    // Output channels lead the weight: one factor per row.
+    wd.reshape({static_cast<size_t>(channels), wd.size() / static_cast<size_t>(channels)});
+    s.reshape({static_cast<size_t>(channels), 1});
+  } else {
+    // [C_in, M / group, k...]: channel g * (M / group) + j sits at group g, column j.
+    const size_t g = static_cast<size_t>(group), per = static_cast<size_t>(channels / group);
+    const size_t cin = wshape[0] / g;
+    wd.reshape({g, cin, per, wd.size() / (g * cin * per)});
+    s.reshape({g, 1, per, 1});
+  }
+  wd *= s;
+  wd.reshape(wshape);
+
+  const std::string w_name = oper_name_join(ir, conv->input[1], "_bn");
+  ir.set_const(w_name, from_xarray<double>(wd, w->dtype()));
+  const std::string b_name = oper_name_join(ir, conv->name(), "_bn_bias");
+  ir.set_const(b_name, from_xarray<double>(b, w->dtype()));
+  replace_nodes(ir, {conv, bn.shared_from_this()}, conv_with(*conv, conv->input[0], w_name, b_name, bn.output[0]));
+  ++stats.fusions["batchnorm_into_conv"];
+  return true;
+}
+
+bool fuse_pad_into_conv_or_pool(IR& ir, Node& consumer, FoldStats& stats) {
+  const std::string& op = consumer.op_type();
+  if (!in_default_domain(consumer) || consumer.input.empty()) return false;
+  const NodePtr pad = ir.producer(consumer.input[0]);
+  if (!pad || pad->op_type() != "Pad" || !in_default_domain(*pad) || pad->input.empty() ||
+      pad->output.size() != 1 || !sole_reader(ir, consumer.input[0], consumer))
+    return false;
+  if (IR::get_attr_str(consumer, "auto_pad").value_or("NOTSET") != "NOTSET") return false;
+  if (IR::get_attr_str(*pad, "mode").value_or("constant") != "constant") return false;
+  const std::string& data = pad->input[0];
+  if (!float_type(ir.get_dtype(data)) || !ir.has_shape(data)) return false;
+  const int64_t rank = static_cast<int64_t>(ir.get_shape(data).size());
+  if (rank < 3) return false;
+
+  // The Pad's operands, whichever opset wrote them.
+  std::vector<int64_t> pads, axes;
+  double value = 0.0;
+  if (ir.opset() < 11) {
+    auto p = IR::get_attr_ints(*pad, "pads");
+    if (!p) return false;
+    pads = *p;
+    value = IR::get_attr_float(*pad, "value").value_or(0.0f);
+  } else {
+    if (pad->input.size() < 2 || !int_values(ir.get_const(pad->input[1]), pads)) return false;
+    if (pad->input.size() > 2 && !pad->input[2].empty()) {
+      const NDArray* v = ir.get_const(pad->input[2]);
+      if (!v || v->size() != 1) return false;
+      value = v->f64_at(0);
+    }
+    if (pad->input.size() > 3 && !pad->input[3].empty() && !int_values(ir.get_const(pad->input[3]), axes))
+      return false;
+  }
+  if (axes.empty())
+    for (int64_t k = 0; k < rank; ++k) axes.push_back(k);
+  if (pads.size() != 2 * axes.size()) return false;
+  std::vector<int64_t> full(2 * static_cast<size_t>(rank), 0);
+  for (size_t k = 0; k < axes.size(); ++k) {
+    int64_t ax = axes[k];
+    if (!normalize_axis(ax, rank)) return false;
+    full[static_cast<size_t>(ax)] = pads[k];
+    full[static_cast<size_t>(ax + rank)] = pads[k + axes.size()];
+  }
+  // Only the spatial axes may be padded, and only outward.
+  for (int64_t k = 0; k < rank; ++k) {
+    const int64_t b = full[static_cast<size_t>(k)], e = full[static_cast<size_t>(k + rank)];
+    if (b < 0 || e < 0 || (k < 2 && (b != 0 || e != 0))) return false;
+  }
+  const size_t spatial = static_cast<size_t>(rank - 2);
+  std::vector<int64_t> fused = IR::get_attr_ints(consumer, "pads").value_or(std::vector<int64_t>(2 * spatial, 0));
+  if (fused.size() != 2 * spatial) return false;
+  const bool own_padding = std::any_of(fused.begin(), fused.end(), [](int64_t p) { return p != 0; });
+  for (size_t k = 0; k < spatial; ++k) {
+    fused[k] += full[k + 2];
+    fused[k + spatial] += full[static_cast<size_t>(rank) + k + 2];
+  }
+
+  std::vector<Attr> attrs{Attr::make_ints("pads", fused)};
+  std::string kind;
+  if (op == "Conv") {
+    // A convolution pads with zeros itself.
+    if (value != 0.0) return false;
+    kind = "pad_into_conv";
+  } else if (op == "MaxPool" || op == "AveragePool") {
+    if (IR::get_attr_int(consumer, "ceil_mode").value_or(0) != 0) return false;
+    auto dil = IR::get_attr_ints(consumer, "dilations");
+    if (dil && std::any_of(dil->begin(), dil->end(), [](int64_t d) { return d != 1; })) return false;
+    // The runtime wants every pad smaller than the kernel; then each window
+    // also holds at least one element of the input.
+    auto kernel = IR::get_attr_ints(consumer, "kernel_shape");
+    if (!kernel || kernel->size() != spatial) return false;
+    for (size_t k = 0; k < spatial; ++k)
+      if (fused[k] >= (*kernel)[k] || fused[k + spatial] >= (*kernel)[k]) return false;
+    if (op == "MaxPool") {
+      // The pool pads with -inf: padding with zeros is the same only where
+      // the data is never negative. Its Indices output would change.
+      if (!only_first_output_used(ir, consumer)) return false;
+      const bool minus_inf = std::isinf(value) && value < 0;
+      if (!minus_inf && !(value == 0.0 && non_negative(ir, data))) return false;
+    } else {
+      // Explicit zeros count in the average: the pool must count its own
+      // padding too, which it can only where it had none of its own.
+      if (value != 0.0) return false;
+      const bool counts = IR::get_attr_int(consumer, "count_include_pad").value_or(0) != 0;
+      if (!counts && own_padding) return false;
+      attrs.push_back(Attr::make_int("count_include_pad", 1));
+    }
+    kind = "pad_into_pool";
+  } else {
+    return false;
+  }
+  NodePtr fresh = copy_with_attrs(consumer, attrs);
+  fresh->input.set(0, data);
+  replace_nodes(ir, {pad, consumer.shared_from_this()}, fresh);
+  ++stats.fusions[kind];
+  return true;
+}
+
+bool fuse_add_into_conv_bias(IR& ir, Node& add, FoldStats& stats) {
+  if (add.op_type() != "Add" || !in_default_domain(add) || add.input.size() != 2 || add.output.size() != 1)
+    return false;
+  for (size_t i = 0; i < 2; ++i) {
+    const std::string& y = add.input[i];
+    const NDArray* k = ir.get_const(add.input[1 - i]);
+    const NodePtr conv = ir.producer(y);
+    if (!k || !conv || !is_conv(*conv) || conv->input.size() < 2 || !sole_reader(ir, y, add)) continue;
+    if (!ir.has_shape(y) || !float_type(k->dtype()) || ir.get_dtype(y) != k->dtype()) continue;
+    const Shape out = ir.get_shape(y);
+    if (out.size() < 3 || k->ndim() > out.size()) continue;
+    // The constant must be one value per channel (or one for all): aligned
+    // to the output's rank, every axis but the channel axis has size 1.
+    Shape aligned(out.size() - k->ndim(), 1);
+    aligned.insert(aligned.end(), k->shape().begin(), k->shape().end());
+    bool per_channel = aligned[1] == 1 || aligned[1] == out[1];
+    for (size_t a = 0; a < aligned.size(); ++a)
+      if (a != 1 && aligned[a] != 1) per_channel = false;
+    if (!per_channel) continue;
+    const int64_t channels = out[1];
+    NDArray zeros;
+    const NDArray* bias = conv_bias(ir, *conv, channels, k->dtype(), zeros);
+    if (!bias || bias->dtype() != k->dtype() || bias->size() != channels) continue;
+    xt::xarray<double> kv = to_xarray<double>(*k);
+    kv.reshape({static_cast<size_t>(aligned[1])});
+    const xt::xarray<double> b =
+        to_xarray<double>(*bias) + xt::broadcast(kv, std::vector<size_t>{static_cast<size_t>(channels)});
+    const std::string b_name = oper_name_join(ir, conv->name(), "_bias");
+    ir.set_const(b_name, from_xarray<double>(b, k->dtype()));
+    replace_nodes(ir, {conv, add.shared_from_this()}, conv_with(*conv, conv->input[0], conv->input[1], b_name, add.output[0]));
+    ++stats.fusions["add_into_conv_bias"];
+    return true;
+  }
+  return false;
+}
+
+}  // namespace fold
+}  // namespace tolm
