@@ -20,6 +20,12 @@ namespace {
 constexpr size_t kMaxFreeTensors = 100;
 // Attempts per rule call, each excluding the nodes the previous ones refused.
 constexpr int kMaxRetries = 5;
+// A failed region of up to this many tensors is left to be grown again from
+// its other Transpose nodes: a search started elsewhere meets the forks in
+// another order and may find a smaller mesh inside it that pays. A larger
+// one is paused whole, so that regrowing it from each Transpose on its edge
+// in turn cannot cost its size times the number of those Transpose nodes.
+constexpr size_t kRegrowableRegion = 100;
 
 bool has_duplicates(const Names& list) {
   Names sorted = list;
@@ -195,6 +201,7 @@ MeshResult _p_reduce_tp_in_mesh(IR& ir, const NodeList& nodes, QuantTable* /*qua
 
   // ---- judge it --------------------------------------------------------------
   OrderedDict<std::string> tp_dir;
+  Names judged_edge = tp_block_tensors;
   OptResult res = judge_mesh(ir, ops, tp_free_tensors, tp_block_tensors, &tp_dir);
   if (!res.most_perm && has_history) {
     // The fully grown mesh does not work out: fall back to the last fork
@@ -206,6 +213,7 @@ MeshResult _p_reduce_tp_in_mesh(IR& ir, const NodeList& nodes, QuantTable* /*qua
     tp_block_tensors.assign(bl.begin(), bl.begin() + static_cast<std::ptrdiff_t>(hist_block));
     tp_block_tensors.insert(tp_block_tensors.end(), rl.begin(),
                             rl.begin() + static_cast<std::ptrdiff_t>(hist_branch));
+    judged_edge = tp_block_tensors;
     res = judge_mesh(ir, ops, tp_free_tensors, tp_block_tensors, &tp_dir);
   }
   const bool profitable =
@@ -220,6 +228,19 @@ MeshResult _p_reduce_tp_in_mesh(IR& ir, const NodeList& nodes, QuantTable* /*qua
     for (const auto& kv : tp_dir.items())
       pause(std::string("reduce_tp_in_mesh_") + (kv.second == "up" ? "forward" : "backward"),
             kv.first);
+    const bool large = tp_free_tensors.size() + judged_edge.size() > kRegrowableRegion;
+    if (res.tp_change_unsupport_op.empty() && large) {
+      // Not a layout that some nodes refused, which a retry without them
+      // may mend, but a large region that does not pay: every Transpose on
+      // its edge, started from the side that faces the region, grows it
+      // again. All of them rest until the next round.
+      for (const std::string& t : judged_edge) {
+        for (const NodePtr& p : ir.pre_nodes(t))
+          if (p->op_type() == "Transpose") pause("reduce_tp_in_mesh_forward", p->name());
+        for (const NodePtr& c : ir.next_nodes(t))
+          if (c->op_type() == "Transpose") pause("reduce_tp_in_mesh_backward", c->name());
+      }
+    }
     if (!res.tp_change_unsupport_op.empty()) {
       out.has_unsupported = true;
       out.unsupported = res.tp_change_unsupport_op;

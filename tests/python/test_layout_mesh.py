@@ -234,3 +234,44 @@ def test_mesh_rule_with_direction_applies(direction, seed):
     out = ir.to_onnx()
     assert transposes(out) == 0
     assert_same_outputs(model, out)
+
+
+# ---- a region that cannot pay rests whole ------------------------------------------------
+
+
+def _wide_failing_region(length):
+    """tp_in -> Add of a rank-1 graph input -> a Relu chain of `length` nodes,
+    read along the way by Transpose exits and fed by a Transpose entry. The
+    region cannot take a layout of rank 4, from its first fork on."""
+    nodes = [("Transpose", ["x"], ["t0"], {"perm": NHWC, "name": "tp_in"}),
+             ("Transpose", ["x2"], ["u"], {"perm": NHWC, "name": "tp_entry"}),
+             ("Add", ["t0", "r"], ["s0"])]
+    nodes += [("Relu", [f"s{i}"], [f"s{i + 1}"]) for i in range(length)]
+    nodes += [("Add", [f"s{length // 2}", "u"], ["v"]),
+              ("Transpose", [f"s{length // 3}"], ["y1"], {"perm": NCHW, "name": "tp_exit1"}),
+              ("Transpose", ["v"], ["y2"], {"perm": NCHW, "name": "tp_exit2"}),
+              ("Transpose", [f"s{length}"], ["y3"], {"perm": NCHW, "name": "tp_exit3"})]
+    return make_model(nodes, {"x": [1, 2, 3, 4], "x2": [1, 2, 3, 4], "r": [2]},
+                      {k: [1, 2, 3, 4] for k in ("y1", "y2", "y3")})
+
+
+@pytest.mark.parametrize("length, whole_edge", [(120, True), (8, False)])
+def test_failed_region_pauses_every_transpose_on_its_edge_when_large(length, whole_edge):
+    from tolm.api.ir_graph import IRGraph
+    from tolm.api.rules import reduce
+
+    model = _wide_failing_region(length)
+    ir = IRGraph(model)
+    assert reduce._p_reduce_tp_in_mesh_forward(ir, [ir.find_node("tp_in")], None) == ([], [])
+    pause = ir.op_ruler_pause
+    forward = set(pause.get("reduce_tp_in_mesh_forward", []))
+    backward = set(pause.get("reduce_tp_in_mesh_backward", []))
+    if whole_edge:
+        # Each Transpose is paused under the rule that would seed it from the
+        # region's side: entries forward, exits backward; none the other way.
+        assert forward == {"tp_in", "tp_entry"}
+        assert backward == {"tp_exit1", "tp_exit2", "tp_exit3"}
+    else:
+        # A small region is left to be regrown from its other Transpose nodes.
+        assert not forward & {"tp_entry"} and not backward
+    reduced_ok(model)
