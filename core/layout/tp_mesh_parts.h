@@ -12,7 +12,6 @@
 #include <array>
 #include <functional>
 #include <map>
-#include <set>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
@@ -117,6 +116,25 @@ RankSay rank_say(const IR& ir, const std::string& t_name, size_t* rank);
 // True if some producer or consumer of the tensor may lie inside a mesh.
 bool touches_mesh_op(const IR& ir, const MeshOps& ops, const std::string& t_name);
 
+// Whether the mesh as the search stands at a fork pays, given its free, edge
+// and fork lists.
+using ForkJudge = std::function<bool(const IndexedNames&, const IndexedNames&,
+                                     const IndexedNames&)>;
+
+// A grown mesh: its lists as the search left them (the forks still unopened
+// when the search stopped at its cap are on the edge list too), and the last
+// fork at which it paid, as list lengths.
+struct MeshGrowth {
+  IndexedNames free_l, block_l, branch_l;
+  bool has_history = false;
+  size_t hist_free = 0, hist_block = 0, hist_branch = 0;
+};
+
+// Grows the mesh from the seed tensors, tensor by tensor, opening a fork only
+// when nothing simpler is left, and judging the mesh at each fork.
+MeshGrowth grow_mesh(IR& ir, const MeshOps& ops, Names candidate_tensors,
+                     const ForkJudge& pays_at_fork);
+
 // Permutation text: the axes joined by commas, as the vote keys them.
 std::string perm_text(const Perm& perm);
 
@@ -143,9 +161,8 @@ class MeshTally {
   struct Key {
     std::string text;
     Perm perm;
-    bool parses = false;
     int64_t count = 0;
-    std::multiset<Place> places;
+    Place first{};  // the earliest place it got a vote
     int slot = -1;  // index into the kept sums, once the key has been the choice
   };
   struct TpState {
@@ -153,9 +170,10 @@ class MeshTally {
     bool cross = false;
     bool producer_side = false;  // the side it voted from
     Place at{};                  // where it voted
-    bool bad_perm = false;  // first met as producer with a perm that permutes nothing
-    std::vector<std::pair<int, Place>> votes;
   };
+  // A node that may lie inside the mesh: how many of its operands that take
+  // part in the layout are not in the mesh yet, and how many of its outputs
+  // are. It is a node of the mesh once none is missing and one output is in.
   struct NodeState {
     bool counted = false;
     int64_t missing = 0;
@@ -172,7 +190,6 @@ class MeshTally {
   void meet_tp(const NodePtr& tp, const std::string& t, const Place& where, bool producer_side);
   void cast_votes(const Node& tp, const std::string& t, const Place& where, bool producer_side,
                   TpState& st);
-  void drop_votes(TpState& st);
   void make_cross(const NodePtr& tp);
   void node_gains(const NodePtr& n, const std::string& t, bool as_output);
   void becomes_pass(const NodePtr& n);
@@ -185,9 +202,8 @@ class MeshTally {
   const MeshOps& ops_;
   size_t seen_[3] = {0, 0, 0};
   NameSet mesh_;
-  // Stopping judging incrementally: something the tally does not follow
-  // (a tensor on the edge twice) was seen; forks are then judged from
-  // scratch.
+  // Set when something the tally does not follow was seen (a tensor on the
+  // edge twice): forks are then judged from scratch.
   bool from_scratch_ = false;
   // Failures that no growth can undo.
   int64_t rank_fail_ = 0, lonely_edges_ = 0, bad_perms_ = 0;

@@ -144,6 +144,40 @@ RuleResult retry_mesh(IR& ir, const NodeList& nodes, QuantTable* quant_tab,
 
 }  // namespace
 
+MeshGrowth grow_mesh(IR& ir, const MeshOps& ops, Names candidate_tensors,
+                     const ForkJudge& pays_at_fork) {
+  // The lists only grow while the mesh does, so a snapshot is their lengths.
+  MeshGrowth g;
+  OrderedDict<Names> branch_tensors_dict;
+  size_t head = 0;  // candidate_tensors is a queue; entries before head are taken
+  while (head < candidate_tensors.size() || !branch_tensors_dict.empty()) {
+    if (head < candidate_tensors.size()) {
+      const std::string t = candidate_tensors[head++];
+      classify_tensor(ir, ops, t, g.free_l, g.block_l, candidate_tensors, g.branch_l,
+                      branch_tensors_dict);
+      continue;
+    }
+    // At a fork: judge the mesh as it stands, with every fork met so far as
+    // its edge, and remember it if it pays.
+    if (pays_at_fork(g.free_l, g.block_l, g.branch_l)) {
+      g.has_history = true;
+      g.hist_free = g.free_l.size();
+      g.hist_block = g.block_l.size();
+      g.hist_branch = g.branch_l.size();
+      if (g.hist_free > kMaxFreeTensors) {
+        for (const std::string& t : g.branch_l.list()) g.block_l.push_back(t);
+        break;
+      }
+    }
+    const std::string _t = branch_tensors_dict.front().first;
+    const Names around = branch_tensors_dict.front().second;
+    branch_tensors_dict.erase(_t);
+    candidate_tensors.insert(candidate_tensors.end(), around.begin(), around.end());
+    if (!g.free_l.has(_t) && !g.block_l.has(_t)) g.free_l.push_back(_t);
+  }
+  return g;
+}
+
 MeshResult _p_reduce_tp_in_mesh(IR& ir, const NodeList& nodes, QuantTable* /*quant_tab*/,
                                 const std::string& direction,
                                 const Names& last_time_tp_change_unsupport_op) {
@@ -156,41 +190,18 @@ MeshResult _p_reduce_tp_in_mesh(IR& ir, const NodeList& nodes, QuantTable* /*qua
                     last_time_tp_change_unsupport_op);
 
   // ---- grow the mesh ---------------------------------------------------------
-  // The lists only grow while the mesh does, so a snapshot is their lengths.
-  IndexedNames free_l, block_l, branch_l;
-  Names candidate_tensors =
-      direction == "forward" ? nodes[0]->output.names() : nodes[0]->input.names();
-  OrderedDict<Names> branch_tensors_dict;
   MeshTally tally(ir, ops);
-  bool has_history = false;
-  size_t hist_free = 0, hist_block = 0, hist_branch = 0;
-
-  size_t head = 0;  // candidate_tensors is a queue; entries before head are taken
-  while (head < candidate_tensors.size() || !branch_tensors_dict.empty()) {
-    if (head < candidate_tensors.size()) {
-      const std::string t = candidate_tensors[head++];
-      classify_tensor(ir, ops, t, free_l, block_l, candidate_tensors, branch_l,
-                      branch_tensors_dict);
-      continue;
-    }
-    // At a fork: judge the mesh as it stands, with every fork met so far as
-    // its edge, and remember it if it pays.
-    if (tally.pays(free_l, block_l, branch_l)) {
-      has_history = true;
-      hist_free = free_l.size();
-      hist_block = block_l.size();
-      hist_branch = branch_l.size();
-      if (hist_free > kMaxFreeTensors) {
-        for (const std::string& t : branch_l.list()) block_l.push_back(t);
-        break;
-      }
-    }
-    const std::string _t = branch_tensors_dict.front().first;
-    const Names around = branch_tensors_dict.front().second;
-    branch_tensors_dict.erase(_t);
-    candidate_tensors.insert(candidate_tensors.end(), around.begin(), around.end());
-    if (!free_l.has(_t) && !block_l.has(_t)) free_l.push_back(_t);
-  }
+  MeshGrowth grown = grow_mesh(
+      ir, ops, direction == "forward" ? nodes[0]->output.names() : nodes[0]->input.names(),
+      [&](const IndexedNames& f, const IndexedNames& b, const IndexedNames& r) {
+        return tally.pays(f, b, r);
+      });
+  const IndexedNames& free_l = grown.free_l;
+  const IndexedNames& block_l = grown.block_l;
+  const IndexedNames& branch_l = grown.branch_l;
+  const bool has_history = grown.has_history;
+  const size_t hist_free = grown.hist_free, hist_block = grown.hist_block,
+               hist_branch = grown.hist_branch;
   tally.write_cache(free_l, block_l, branch_l);
 
   Names tp_block_tensors = block_l.list();

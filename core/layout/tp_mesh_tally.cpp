@@ -1,9 +1,8 @@
 // The vote on a growing mesh, kept current as tensors join it instead of
 // recounted from the lists at every fork: each tensor is taken in once, each
-// Transpose votes once (and moves its vote at most once, when its other
-// tensor turns out to come earlier), and each node becomes a node of the mesh
-// once. What changes with the chosen layout is summed only for the layouts
-// that have been the choice at some fork.
+// Transpose votes once, and each node becomes a node of the mesh once. What
+// changes with the chosen layout is summed only for the layouts that have
+// been the choice at some fork.
 #include <algorithm>
 
 #include "layout/tp_mesh_parts.h"
@@ -120,7 +119,6 @@ void MeshTally::cast_votes(const Node& tp, const std::string& t, const Place& wh
   Perm perm = _func_tp_perm(ir_, tp);
   if (producer_side) {
     if (!is_perm_of(perm, perm.size())) {
-      st.bad_perm = true;
       ++bad_perms_;
       return;
     }
@@ -131,21 +129,10 @@ void MeshTally::cast_votes(const Node& tp, const std::string& t, const Place& wh
     const int key = key_of(eq[k]);
     Place p = where;
     p[4] = static_cast<int64_t>(k);
-    ++keys_[key].count;
-    keys_[key].places.insert(p);
-    st.votes.emplace_back(key, p);
+    Key& voted = keys_[key];
+    if (voted.count == 0 || p < voted.first) voted.first = p;
+    ++voted.count;
   }
-}
-
-void MeshTally::drop_votes(TpState& st) {
-  for (const auto& kv : st.votes) {
-    Key& k = keys_[kv.first];
-    --k.count;
-    k.places.erase(k.places.find(kv.second));
-  }
-  st.votes.clear();
-  if (st.bad_perm) --bad_perms_;
-  st.bad_perm = false;
 }
 
 void MeshTally::meet_tp(const NodePtr& tp, const std::string& t, const Place& where,
@@ -156,15 +143,12 @@ void MeshTally::meet_tp(const NodePtr& tp, const std::string& t, const Place& wh
     cast_votes(*tp, t, where, producer_side, st);
     return;
   }
-  if (st.cross || st.producer_side == producer_side) {
-    // Met twice on the same side: the edge holds a tensor twice.
+  // A Transpose blocks the tensors beside it, so both are edge tensors, met
+  // in list order: the vote it cast first stands, and it crosses the edge.
+  // Any other meeting (a tensor on the edge twice) is not followed here.
+  if (st.cross || st.producer_side == producer_side || where < st.at) {
     from_scratch_ = true;
     return;
-  }
-  // The vote belongs to whichever of its tensors comes first on the edge.
-  if (where < st.at) {
-    drop_votes(st);
-    cast_votes(*tp, t, where, producer_side, st);
   }
   make_cross(tp);
 }
@@ -278,7 +262,7 @@ bool MeshTally::pays(const IndexedNames& free_list, const IndexedNames& block_li
       const Key& key = keys_[k];
       if (key.count <= 0) continue;
       if (best < 0 || key.count > keys_[best].count ||
-          (key.count == keys_[best].count && *key.places.begin() < *keys_[best].places.begin()))
+          (key.count == keys_[best].count && key.first < keys_[best].first))
         best = static_cast<int>(k);
     }
   }
