@@ -64,9 +64,9 @@ def test_transpose_feeding_a_graph_output_keeps_the_output_name():
     assert transposes(reduced) < transposes(model)
 
 
-def test_rank_one_broadcast_constant_blocks_the_region():
-    # A per-channel constant of rank 1 cannot be held in the permuted layout,
-    # so the region stays as it is; the numbers must not change either way.
+def test_rank_one_broadcast_constant_joins_the_region():
+    # A per-channel constant stored as [C] broadcasts as [1, 1, 1, C]: written
+    # at full rank, it moves with the region like any other constant.
     model = make_model(
         [
             ("Transpose", ["x"], ["a"], {"perm": [0, 2, 3, 1]}),
@@ -79,7 +79,7 @@ def test_rank_one_broadcast_constant_blocks_the_region():
         {"bias": np.arange(3, dtype=np.float32)},
     )
     reduced, _ = reduced_ok(model)
-    assert transposes(reduced) == 2
+    assert transposes(reduced) == 0
 
 
 def test_attention_transposes_around_matmul_stay():
@@ -275,3 +275,46 @@ def test_failed_region_pauses_every_transpose_on_its_edge_when_large(length, who
         # A small region is left to be regrown from its other Transpose nodes.
         assert not forward & {"tp_entry"} and not backward
     reduced_ok(model)
+
+
+# ---- constants that broadcast from a lower rank --------------------------------------------
+
+
+def test_shared_rank_one_constant_gets_a_full_rank_copy_where_needed():
+    # k scales an NHWC region and is also added to a rank-1 graph input.
+    model = make_model(
+        [("Transpose", ["x"], ["a"], {"perm": NHWC}), ("Mul", ["a", "k"], ["b"]),
+         ("Transpose", ["b"], ["y"], {"perm": NCHW}), ("Add", ["v", "k"], ["z"])],
+        {"x": [1, 3, 4, 5], "v": [3]}, {"y": [1, 3, 4, 5], "z": [3]},
+        {"k": np.array([0.5, -1.0, 2.0], F)})
+    reduced, _ = reduced_ok(model)
+    assert transposes(reduced) == 0
+    dims = {i.name: list(i.dims) for i in reduced.graph.initializer}
+    add = next(n for n in reduced.graph.node if n.op_type == "Add")
+    mul = next(n for n in reduced.graph.node if n.op_type == "Mul")
+    assert add.input[1] == "k" and dims["k"] == [3]
+    assert mul.input[1] != "k" and len(dims[mul.input[1]]) == 4
+    again, _ = tolm.reduce(reduced)
+    assert again.SerializeToString() == reduced.SerializeToString()
+
+
+@pytest.mark.parametrize("op, operands, consts, mesh_op", [
+    ("Sub", ["k", "h"], {"k": np.array([1.0, -2.0, 3.0], F)}, True),
+    ("Div", ["h", "k"], {"k": np.array([[2.0, -4.0, 0.5]], F)}, True),
+    ("Pow", ["h2", "k"], {"k": np.array([2.0, 1.0, 3.0], F)}, True),
+    ("Where", ["cond", "h", "k"], {"cond": np.array([True, False, True]), "k": np.array([9.0, 8.0, 7.0], F)}, True),
+    ("Greater", ["h", "k"], {"k": np.array([0.0, 0.5, -0.5], F)}, True),
+    # Not layout-free for the mesh, but their constants take the full rank too.
+    ("Max", ["h", "k", "k2"], {"k": np.array([0.1, 0.0, -0.3], F), "k2": np.array([[[0.2]]], F)}, False),
+    ("PRelu", ["h", "k"], {"k": np.array([0.1, 0.5, 2.0], F)}, False),
+])
+def test_broadcast_constants_of_lower_rank_keep_the_numbers(op, operands, consts, mesh_op):
+    # An NHWC region around one broadcasting op whose constants have lower rank.
+    last = ("Cast", ["g"], ["out"], {"to": onnx.TensorProto.FLOAT}) if op == "Greater" else ("Identity", ["g"], ["out"])
+    model = make_model(
+        [("Transpose", ["x"], ["h"], {"perm": NHWC}), ("Abs", ["h"], ["h2"]), (op, operands, ["g"]), last,
+         ("Transpose", ["out"], ["y"], {"perm": NCHW})],
+        {"x": [2, 3, 4, 5]}, {"y": [2, 3, 4, 5]}, consts)
+    reduced, _ = reduced_ok(model)
+    assert all(len(i.dims) in (0, 4) for i in reduced.graph.initializer)
+    assert (transposes(reduced) < transposes(model)) == mesh_op
