@@ -280,6 +280,15 @@ def test_failed_region_pauses_every_transpose_on_its_edge_when_large(length, who
 # ---- constants that broadcast from a lower rank --------------------------------------------
 
 
+def test_rank_one_channels_last_cnn_reduces_as_the_rank_four_one():
+    rank1, _ = reduced_ok(channels_last_cnn(4, channel_const_rank=1))
+    rank4, _ = reduced_ok(channels_last_cnn(4))
+    assert transposes(rank1) == 2
+    assert rank1.SerializeToString() == rank4.SerializeToString()
+    again, _ = tolm.reduce(rank1)
+    assert again.SerializeToString() == rank1.SerializeToString()
+
+
 def test_shared_rank_one_constant_gets_a_full_rank_copy_where_needed():
     # k scales an NHWC region and is also added to a rank-1 graph input.
     model = make_model(
