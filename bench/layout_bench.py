@@ -1,13 +1,20 @@
 """Transpose reduction on models laid out the way exporters write them, side
 by side with onnxruntime's own graph optimisation.
 
-    python bench/layout_bench.py [--cnn-blocks 10,1000] [--encoder-layers 12]
+    python bench/layout_bench.py [--cnn-blocks 10,1000] [--rank1-cnn-blocks 10,100,1000]
+                                 [--encoder-layers 12]
 
 For each model it prints the Transpose count and the total node count before
 and after tolm-reduce and after onnxruntime's optimisation at the basic and
 extended levels (saved with SessionOptions.optimized_model_filepath), the time
-each takes from model bytes to saved model, and whether the optimised model
-still gives the original's outputs (random inputs, rtol 1e-4, atol 1e-5)."""
+each takes from model bytes to saved model, that time over onnxruntime's
+basic level, and whether the optimised model still gives the original's
+outputs (random inputs, rtol 1e-4, atol 1e-5).
+
+The CNN comes twice: with per-channel constants of shape [1, 1, 1, C], and of
+shape [C] as TensorFlow converters write them. For each CNN series it then
+prints each tool's time per block at the smallest and the largest size and how
+much it grew: 1.0 is linear time."""
 import argparse
 import os
 import sys
@@ -69,7 +76,7 @@ def bench(name, model, rows):
              for i in model.graph.input}
     ref = run(data, feeds)
     tp0, n0 = counts(model)
-    rows.append((name, "original", tp0, n0, 0.0, "yes"))
+    rows.append((name, "original", tp0, n0, None, "yes"))
     t0 = time.perf_counter()
     reduced, _ = tolm.reduce(data)
     out = reduced.SerializeToString()
@@ -83,19 +90,54 @@ def bench(name, model, rows):
             rows.append((name, label, tp, n, dt, check(opt.SerializeToString(), feeds, ref)))
 
 
+def growth(rows, series):
+    """Per tool: time per block at the smallest and largest size of a series
+    of (blocks, model name) pairs, and their ratio."""
+    (b0, first), (b1, last) = series[0], series[-1]
+    times = {(name, tool): dt for name, tool, _, _, dt, _ in rows}
+    out = []
+    for tool in ["tolm-reduce", *LEVELS]:
+        t0, t1 = times[(first, tool)] / b0, times[(last, tool)] / b1
+        out.append((tool, b0, t0, b1, t1, t1 / t0))
+    return out
+
+
 def main():
     ap = argparse.ArgumentParser()
     ap.add_argument("--cnn-blocks", default="10,1000")
+    ap.add_argument("--rank1-cnn-blocks", default="10,100,1000",
+                    help="channels-last CNN whose per-channel constants have shape [C]")
     ap.add_argument("--encoder-layers", default="12")
     args = ap.parse_args()
+    # First calls pay for imports and one-time set-up; neither tool is
+    # charged for them.
+    with tempfile.TemporaryDirectory() as d:
+        warm = channels_last_cnn(1).SerializeToString()
+        tolm.reduce(warm)
+        ort_optimise(warm, LEVELS["ort basic"], d)
     rows = []
-    for b in [int(s) for s in args.cnn_blocks.split(",") if s]:
-        bench(f"channels-last CNN, {b} blocks", channels_last_cnn(b), rows)
+    series = {}
+    for label, flag, rank in [("CNN", args.cnn_blocks, 4), ("CNN, [C] constants", args.rank1_cnn_blocks, 1)]:
+        for b in sorted(int(s) for s in flag.split(",") if s):
+            name = f"{label}, {b} blocks"
+            bench(name, channels_last_cnn(b, channel_const_rank=rank), rows)
+            series.setdefault(label, []).append((b, name))
     for layers in [int(s) for s in args.encoder_layers.split(",") if s]:
         bench(f"transformer encoder, {layers} layers", transformer_encoder(layers), rows)
-    print(f"{'model':<34} {'tool':<13} {'Transpose':>9} {'nodes':>7} {'time s':>8} {'same numbers':>14}")
+
+    basic = {name: dt for name, tool, _, _, dt, _ in rows if tool == "ort basic"}
+    print(f"{'model':<34} {'tool':<13} {'Transpose':>9} {'nodes':>7} {'time s':>8} {'/ort basic':>10}  same numbers")
     for name, tool, tp, n, dt, ok in rows:
-        print(f"{name:<34} {tool:<13} {tp:>9} {n:>7} {dt:>8.3f}  {ok}")
+        t = f"{dt:>8.3f}" if dt is not None else f"{'':>8}"
+        r = f"{dt / basic[name]:>10.2f}" if dt is not None else f"{'':>10}"
+        print(f"{name:<34} {tool:<13} {tp:>9} {n:>7} {t} {r}  {ok}")
+    for label, points in series.items():
+        if len(points) < 2:
+            continue
+        print()
+        print(f"{label}: time per block (ms)")
+        for tool, b0, t0, b1, t1, ratio in growth(rows, points):
+            print(f"  {tool:<13} {b0:>5} blocks {t0 * 1e3:>8.3f}   {b1:>5} blocks {t1 * 1e3:>8.3f}   growth x{ratio:.2f}")
     return 0 if all(r[5] == "yes" for r in rows if r[1] == "tolm-reduce") else 1
 
 

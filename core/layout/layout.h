@@ -3,9 +3,11 @@
 // edge cancel.
 #pragma once
 
+#include <algorithm>
 #include <map>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -17,40 +19,91 @@ namespace tolm {
 // Tensor or node names, in the order they were found.
 using Names = std::vector<std::string>;
 
-// A map that remembers insertion order; setting an existing key keeps its place.
+// A map that remembers insertion order; setting an existing key keeps its
+// place, and a key erased and set again goes to the end. Keys are hashed, so
+// lookups and erasing cost the same however many keys the map holds.
 template <class V>
 class OrderedDict {
+  using Item = std::pair<std::string, V>;
+
  public:
   // Value of `key`, inserted with a default value at the end if new.
   V& operator[](const std::string& key) {
-    for (auto& kv : items_)
-      if (kv.first == key) return kv.second;
+    auto it = index_.find(key);
+    if (it != index_.end()) return items_[it->second].second;
+    index_.emplace(key, items_.size());
     items_.emplace_back(key, V());
+    live_.push_back(true);
     return items_.back().second;
   }
   // Value of `key`, or null.
   const V* find(const std::string& key) const {
-    for (const auto& kv : items_)
-      if (kv.first == key) return &kv.second;
-    return nullptr;
+    auto it = index_.find(key);
+    return it == index_.end() ? nullptr : &items_[it->second].second;
   }
   // Removes `key` if present.
   void erase(const std::string& key) {
-    for (auto it = items_.begin(); it != items_.end(); ++it)
-      if (it->first == key) {
-        items_.erase(it);
-        return;
-      }
+    auto it = index_.find(key);
+    if (it == index_.end()) return;
+    live_[it->second] = false;
+    items_[it->second].second = V();
+    index_.erase(it);
+    while (head_ < items_.size() && !live_[head_]) ++head_;
+    // Erased entries are dropped once they outnumber the live ones, so a
+    // map used as a queue stays as large as what it holds.
+    if (items_.size() - index_.size() > std::max<size_t>(16, index_.size())) compact();
   }
   // Number of keys.
-  size_t size() const { return items_.size(); }
+  size_t size() const { return index_.size(); }
   // True when no key is held.
-  bool empty() const { return items_.empty(); }
-  // Entries in insertion order.
-  const std::vector<std::pair<std::string, V>>& items() const { return items_; }
+  bool empty() const { return index_.empty(); }
+  // The first entry still held; the map must not be empty.
+  const Item& front() const { return items_[head_]; }
+
+  // Entries still held, in insertion order.
+  class const_iterator {
+   public:
+    const_iterator(const OrderedDict* d, size_t i) : d_(d), i_(i) { skip(); }
+    const Item& operator*() const { return d_->items_[i_]; }
+    const Item* operator->() const { return &d_->items_[i_]; }
+    const_iterator& operator++() {
+      ++i_;
+      skip();
+      return *this;
+    }
+    bool operator!=(const const_iterator& o) const { return i_ != o.i_; }
+    bool operator==(const const_iterator& o) const { return i_ == o.i_; }
+
+   private:
+    void skip() {
+      while (i_ < d_->items_.size() && !d_->live_[i_]) ++i_;
+    }
+    const OrderedDict* d_;
+    size_t i_;
+  };
+  struct Range {
+    const OrderedDict* d;
+    const_iterator begin() const { return const_iterator(d, d->head_); }
+    const_iterator end() const { return const_iterator(d, d->items_.size()); }
+  };
+  Range items() const { return Range{this}; }
 
  private:
-  std::vector<std::pair<std::string, V>> items_;
+  void compact() {
+    std::vector<Item> kept;
+    kept.reserve(index_.size());
+    for (size_t i = 0; i < items_.size(); ++i)
+      if (live_[i]) kept.push_back(std::move(items_[i]));
+    items_ = std::move(kept);
+    live_.assign(items_.size(), true);
+    head_ = 0;
+    for (size_t i = 0; i < items_.size(); ++i) index_[items_[i].first] = i;
+  }
+
+  std::vector<Item> items_;
+  std::vector<bool> live_;
+  std::unordered_map<std::string, size_t> index_;
+  size_t head_ = 0;
 };
 
 // Input positions (first) and output positions (second) that are no part of a mesh, by op type.

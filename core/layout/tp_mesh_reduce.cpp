@@ -3,11 +3,14 @@
 // Transpose nodes, move the whole region into the voted layout.
 #include <algorithm>
 #include <cstring>
+#include <set>
+#include <unordered_map>
+#include <unordered_set>
 
 #include "host/builder.h"
 #include "host/edit.h"
 #include "host/log.h"
-#include "layout/layout.h"
+#include "layout/tp_mesh_parts.h"
 
 namespace tolm {
 namespace {
@@ -17,14 +20,12 @@ namespace {
 constexpr size_t kMaxFreeTensors = 100;
 // Attempts per rule call, each excluding the nodes the previous ones refused.
 constexpr int kMaxRetries = 5;
-
-bool has(const Names& list, const std::string& name) {
-  return std::find(list.begin(), list.end(), name) != list.end();
-}
-
-bool has_node(const NodeList& list, const NodePtr& n) {
-  return std::find(list.begin(), list.end(), n) != list.end();
-}
+// A failed region of up to this many tensors is left to be grown again from
+// its other Transpose nodes: a search started elsewhere meets the forks in
+// another order and may find a smaller mesh inside it that pays. A larger
+// one is paused whole, so that regrowing it from each Transpose on its edge
+// in turn cannot cost its size times the number of those Transpose nodes.
+constexpr size_t kRegrowableRegion = 100;
 
 bool has_duplicates(const Names& list) {
   Names sorted = list;
@@ -143,6 +144,40 @@ RuleResult retry_mesh(IR& ir, const NodeList& nodes, QuantTable* quant_tab,
 
 }  // namespace
 
+MeshGrowth grow_mesh(IR& ir, const MeshOps& ops, Names candidate_tensors,
+                     const ForkJudge& pays_at_fork) {
+  // The lists only grow while the mesh does, so a snapshot is their lengths.
+  MeshGrowth g;
+  OrderedDict<Names> branch_tensors_dict;
+  size_t head = 0;  // candidate_tensors is a queue; entries before head are taken
+  while (head < candidate_tensors.size() || !branch_tensors_dict.empty()) {
+    if (head < candidate_tensors.size()) {
+      const std::string t = candidate_tensors[head++];
+      classify_tensor(ir, ops, t, g.free_l, g.block_l, candidate_tensors, g.branch_l,
+                      branch_tensors_dict);
+      continue;
+    }
+    // At a fork: judge the mesh as it stands, with every fork met so far as
+    // its edge, and remember it if it pays.
+    if (pays_at_fork(g.free_l, g.block_l, g.branch_l)) {
+      g.has_history = true;
+      g.hist_free = g.free_l.size();
+      g.hist_block = g.block_l.size();
+      g.hist_branch = g.branch_l.size();
+      if (g.hist_free > kMaxFreeTensors) {
+        for (const std::string& t : g.branch_l.list()) g.block_l.push_back(t);
+        break;
+      }
+    }
+    const std::string _t = branch_tensors_dict.front().first;
+    const Names around = branch_tensors_dict.front().second;
+    branch_tensors_dict.erase(_t);
+    candidate_tensors.insert(candidate_tensors.end(), around.begin(), around.end());
+    if (!g.free_l.has(_t) && !g.block_l.has(_t)) g.free_l.push_back(_t);
+  }
+  return g;
+}
+
 MeshResult _p_reduce_tp_in_mesh(IR& ir, const NodeList& nodes, QuantTable* /*quant_tab*/,
                                 const std::string& direction,
                                 const Names& last_time_tp_change_unsupport_op) {
@@ -151,83 +186,71 @@ MeshResult _p_reduce_tp_in_mesh(IR& ir, const NodeList& nodes, QuantTable* /*qua
   const Shape o_shape = ir.get_shape(nodes[0]->output[0]);
   if (o_shape.size() != 4) return out;
 
-  const Names& free_types = tp_free_op_type();
-  const Names& param_types = tp_change_param_op_type();
-  const OpIoIgnore& ignore = op_io_ignore_dicts();
+  const MeshOps ops(tp_free_op_type(), tp_change_param_op_type(), op_io_ignore_dicts(),
+                    last_time_tp_change_unsupport_op);
 
   // ---- grow the mesh ---------------------------------------------------------
-  Names tp_free_tensors, tp_block_tensors, branch_block_tensor;
-  Names candidate_tensors =
-      direction == "forward" ? nodes[0]->output.names() : nodes[0]->input.names();
-  OrderedDict<Names> branch_tensors_dict;
-  bool has_history = false;
-  Names history_tp_free_tensors, history_tp_block_tensors, history_branch_block_tensor;
+  MeshTally tally(ir, ops);
+  MeshGrowth grown = grow_mesh(
+      ir, ops, direction == "forward" ? nodes[0]->output.names() : nodes[0]->input.names(),
+      [&](const IndexedNames& f, const IndexedNames& b, const IndexedNames& r) {
+        return tally.pays(f, b, r);
+      });
+  const IndexedNames& free_l = grown.free_l;
+  const IndexedNames& block_l = grown.block_l;
+  const IndexedNames& branch_l = grown.branch_l;
+  const bool has_history = grown.has_history;
+  const size_t hist_free = grown.hist_free, hist_block = grown.hist_block,
+               hist_branch = grown.hist_branch;
+  tally.write_cache(free_l, block_l, branch_l);
 
-  size_t head = 0;  // candidate_tensors is a queue; entries before head are taken
-  while (head < candidate_tensors.size() || !branch_tensors_dict.empty()) {
-    if (head < candidate_tensors.size()) {
-      const std::string t = candidate_tensors[head++];
-      _func_is_tensor_tp_free(ir, free_types, ignore, t, tp_free_tensors, tp_block_tensors,
-                              candidate_tensors, branch_block_tensor, branch_tensors_dict,
-                              last_time_tp_change_unsupport_op);
-      continue;
-    }
-    // At a fork: judge the mesh as it stands, with the unopened forks as its
-    // edge, and remember it if it pays.
-    Names block_now = tp_block_tensors;
-    block_now.insert(block_now.end(), branch_block_tensor.begin(), branch_block_tensor.end());
-    const OptResult snap = _func_compute_opt_result(ir, free_types, param_types, ignore,
-                                                    tp_free_tensors, block_now, nullptr,
-                                                    last_time_tp_change_unsupport_op);
-    if (snap.most_perm && snap.tp_num < 0 &&
-        block_now.size() == snap.t_process_type.size() - snap.change_cross_tp.size()) {
-      has_history = true;
-      history_tp_free_tensors = tp_free_tensors;
-      history_tp_block_tensors = tp_block_tensors;
-      history_tp_block_tensors.insert(history_tp_block_tensors.end(), branch_block_tensor.begin(),
-                                      branch_block_tensor.end());
-      history_branch_block_tensor = branch_block_tensor;
-      if (history_tp_free_tensors.size() > kMaxFreeTensors) {
-        tp_block_tensors.insert(tp_block_tensors.end(), branch_block_tensor.begin(),
-                                branch_block_tensor.end());
-        break;
-      }
-    }
-    const std::string _t = branch_tensors_dict.items().front().first;
-    const Names around = branch_tensors_dict.items().front().second;
-    branch_tensors_dict.erase(_t);
-    candidate_tensors.insert(candidate_tensors.end(), around.begin(), around.end());
-    if (!has(tp_free_tensors, _t) && !has(tp_block_tensors, _t)) tp_free_tensors.push_back(_t);
-  }
-
-  tp_free_tensors.erase(std::remove_if(tp_free_tensors.begin(), tp_free_tensors.end(),
-                                       [&](const std::string& t) { return has(tp_block_tensors, t); }),
-                        tp_free_tensors.end());
+  Names tp_block_tensors = block_l.list();
+  Names tp_free_tensors;
+  for (const std::string& t : free_l.list())
+    if (!block_l.has(t)) tp_free_tensors.push_back(t);
   if (has_duplicates(tp_free_tensors) || has_duplicates(tp_block_tensors)) return out;
 
   // ---- judge it --------------------------------------------------------------
   OrderedDict<std::string> tp_dir;
-  OptResult res = _func_compute_opt_result(ir, free_types, param_types, ignore, tp_free_tensors,
-                                           tp_block_tensors, &tp_dir,
-                                           last_time_tp_change_unsupport_op);
+  Names judged_edge = tp_block_tensors;
+  OptResult res = judge_mesh(ir, ops, tp_free_tensors, tp_block_tensors, &tp_dir);
   if (!res.most_perm && has_history) {
     // The fully grown mesh does not work out: fall back to the last fork
     // at which it paid.
-    tp_free_tensors = history_tp_free_tensors;
-    tp_block_tensors = history_tp_block_tensors;
-    branch_block_tensor = history_branch_block_tensor;
-    res = _func_compute_opt_result(ir, free_types, param_types, ignore, tp_free_tensors,
-                                   tp_block_tensors, &tp_dir, last_time_tp_change_unsupport_op);
+    const Names& fl = free_l.list();
+    const Names& bl = block_l.list();
+    const Names& rl = branch_l.list();
+    tp_free_tensors.assign(fl.begin(), fl.begin() + static_cast<std::ptrdiff_t>(hist_free));
+    tp_block_tensors.assign(bl.begin(), bl.begin() + static_cast<std::ptrdiff_t>(hist_block));
+    tp_block_tensors.insert(tp_block_tensors.end(), rl.begin(),
+                            rl.begin() + static_cast<std::ptrdiff_t>(hist_branch));
+    judged_edge = tp_block_tensors;
+    res = judge_mesh(ir, ops, tp_free_tensors, tp_block_tensors, &tp_dir);
   }
   const bool profitable =
       res.most_perm && res.tp_num < 0 &&
       tp_block_tensors.size() == res.t_process_type.size() - res.change_cross_tp.size();
   if (!profitable) {
     // Each Transpose of this mesh would only find the same mesh again.
-    for (const auto& kv : tp_dir.items()) {
-      const std::string ruler =
-          std::string("reduce_tp_in_mesh_") + (kv.second == "up" ? "forward" : "backward");
-      ir.op_ruler_pause[ruler].push_back(kv.first);
+    std::set<std::pair<std::string, std::string>> paused;
+    auto pause = [&](const std::string& ruler, const std::string& tp) {
+      if (paused.emplace(ruler, tp).second) ir.op_ruler_pause[ruler].push_back(tp);
+    };
+    for (const auto& kv : tp_dir.items())
+      pause(std::string("reduce_tp_in_mesh_") + (kv.second == "up" ? "forward" : "backward"),
+            kv.first);
+    const bool large = tp_free_tensors.size() + judged_edge.size() > kRegrowableRegion;
+    if (res.tp_change_unsupport_op.empty() && large) {
+      // Not a layout that some nodes refused, which a retry without them
+      // may mend, but a large region that does not pay: every Transpose on
+      // its edge, started from the side that faces the region, grows it
+      // again. All of them rest until the next round.
+      for (const std::string& t : judged_edge) {
+        for (const NodePtr& p : ir.pre_nodes(t))
+          if (p->op_type() == "Transpose") pause("reduce_tp_in_mesh_forward", p->name());
+        for (const NodePtr& c : ir.next_nodes(t))
+          if (c->op_type() == "Transpose") pause("reduce_tp_in_mesh_backward", c->name());
+      }
     }
     if (!res.tp_change_unsupport_op.empty()) {
       out.has_unsupported = true;
@@ -245,10 +268,13 @@ MeshResult _p_reduce_tp_in_mesh(IR& ir, const NodeList& nodes, QuantTable* /*qua
   NodeList rm_ops;
   Graph g(ir);
   auto new_shape_of = [&](const Shape& shape) { return take(shape, perm_for_prev); };
-  auto in_pass = [&](const NodePtr& n) { return has(tp_free_pass_op, n->name()); };
-  auto pass_reader = [&](const Node& n) { return has(tp_free_pass_op, n.name()); };
+  const NameSet pass_set(tp_free_pass_op.begin(), tp_free_pass_op.end());
+  const NameSet cross_set(res.change_cross_tp.begin(), res.change_cross_tp.end());
+  std::unordered_set<const Node*> rm_set;
+  auto in_pass = [&](const NodePtr& n) { return pass_set.count(n->name()) != 0; };
+  auto pass_reader = [&](const Node& n) { return pass_set.count(n.name()) != 0; };
   auto remove_node = [&](const NodePtr& n) {
-    if (!has_node(rm_ops, n)) rm_ops.push_back(n);
+    if (rm_set.insert(n.get()).second) rm_ops.push_back(n);
   };
   auto transpose_op = [&](const std::string& in, const Perm& perm) {
     OpSpec opts;
@@ -325,7 +351,7 @@ MeshResult _p_reduce_tp_in_mesh(IR& ir, const NodeList& nodes, QuantTable* /*qua
       }
       replace_uses_if(ir, t_name, src_new, pass_reader);
       for (const NodePtr& tp : next_nodes) {
-        if (tp->op_type() != "Transpose" || !has(res.change_cross_tp, tp->name())) continue;
+        if (tp->op_type() != "Transpose" || !cross_set.count(tp->name())) continue;
         const std::string tp_out = tp->output[0];
         const std::string back = transpose_op(tp_out, most_perm);
         replace_uses_if(ir, tp_out, back, pass_reader);
@@ -421,8 +447,9 @@ MeshResult _p_reduce_tp_in_mesh(IR& ir, const NodeList& nodes, QuantTable* /*qua
   }
 
   // Inner tensors take the new layout; constants are stored in it.
+  const NameSet edge_set(tp_block_tensors.begin(), tp_block_tensors.end());
   for (const std::string& _t : tp_free_tensors) {
-    if (has(tp_block_tensors, _t)) continue;
+    if (edge_set.count(_t)) continue;
     if (ir.is_const(_t)) {
       const NDArray data = *ir.get_const(_t);
       if (data.size() <= 1 || data.ndim() != most_perm.size()) continue;
@@ -451,15 +478,18 @@ MeshResult _p_reduce_tp_in_mesh(IR& ir, const NodeList& nodes, QuantTable* /*qua
     const NodeList all = _func_nodes_named(ir, param_changed_ops);
     const int64_t rank = static_cast<int64_t>(most_perm.size());
     auto new_axis = [&](int64_t a) { return index_of(most_perm, a < 0 ? a + rank : a); };
+    // A node the rewrite re-creates takes its new axis in the copy.
+    std::unordered_map<std::string, NodePtr> added;
+    for (const NodePtr& n : g.nodes) added[n->name()] = n;
     for (const NodePtr& nod : all) {
-      if (!has(param_changed_ops, nod->name())) continue;
       const std::string& op = nod->op_type();
       if (op == "Split" || op == "Concat" || op == "exSoftmax13" || op == "LogSoftmax" ||
           op == "ArgMax" || op == "ArgMin" || op == "Gather" || op == "exGlu") {
         NodePtr target = nod;
-        if (has_node(rm_ops, nod))
-          for (const NodePtr& n : g.nodes)
-            if (n->name() == nod->name()) target = n;
+        if (rm_set.count(nod.get())) {
+          auto it = added.find(nod->name());
+          if (it != added.end()) target = it->second;
+        }
         const int64_t axis = IR::get_attr_int(*target, "axis").value_or(default_axis(op));
         ir.set_attr(*target, Attr::make_int("axis", new_axis(axis)));
       } else if (op == "ReduceMax" || op == "Slice") {

@@ -4,31 +4,14 @@
 #include <algorithm>
 #include <set>
 #include <sstream>
+#include <unordered_set>
 
-#include "layout/layout.h"
+#include "layout/tp_mesh_parts.h"
 
 namespace tolm {
 namespace {
 
-bool has(const Names& list, const std::string& name) {
-  return std::find(list.begin(), list.end(), name) != list.end();
-}
-
-void remove_first(Names& list, const std::string& name) {
-  auto it = std::find(list.begin(), list.end(), name);
-  if (it != list.end()) list.erase(it);
-}
-
 Perm _get_inverse_perm(const Perm& perm) { return inverse_perm(perm); }
-
-std::string perm_text(const Perm& perm) {
-  std::string s;
-  for (size_t i = 0; i < perm.size(); ++i) {
-    if (i) s += ",";
-    s += std::to_string(perm[i]);
-  }
-  return s;
-}
 
 std::optional<Perm> parse_perm(const std::string& text) {
   Perm out;
@@ -90,10 +73,10 @@ void vote_perm(const Perm& perm, const Shape& shape, OrderedDict<int64_t>& colle
   for (const Perm& eq : get_equivalent_perm_for_tp(perm, shape)) ++collect[perm_text(eq)];
 }
 
-// The tests a node inside the mesh must pass to take `most_perm`; each failed
-// test adds one entry for the node.
+}  // namespace
+
 void check_follow(const IR& ir, const Node& nod, const Perm& most_perm,
-                  const Names& tp_free_tensors, Names& unsupported) {
+                  const std::function<bool(const std::string&)>& in_free, Names& unsupported) {
   const std::string& op = nod.op_type();
   const size_t rank = most_perm.size();
   auto refuse = [&]() { unsupported.push_back(nod.name()); };
@@ -130,7 +113,7 @@ void check_follow(const IR& ir, const Node& nod, const Perm& most_perm,
     const std::string& data = nod.input[0];
     const int64_t a = norm_axis(axis, rank);
     const int64_t new_axis = new_axis_of(axis);
-    if (has(tp_free_tensors, data) && ir.is_const(data) && new_axis > a) {
+    if (in_free(data) && ir.is_const(data) && new_axis > a) {
       const Shape shape = ir.get_shape(data);
       for (int64_t i = a + 1; i < new_axis; ++i)
         if (i >= static_cast<int64_t>(shape.size()) || shape[i] != 1) {
@@ -169,7 +152,6 @@ void check_follow(const IR& ir, const Node& nod, const Perm& most_perm,
   }
 }
 
-}  // namespace
 
 Perm _func_tp_perm(const IR& ir, const Node& tp) {
   if (auto p = IR::get_attr_ints(tp, "perm")) return *p;
@@ -227,64 +209,195 @@ ReshapeCarry _func_carry_reshape(const Shape& rs_in, const Shape& rs_out, const 
   return out;
 }
 
-OptResult _func_compute_opt_result(IR& ir, const Names& tp_free_op_type,
-                                   const Names& tp_change_param_op_type,
-                                   const OpIoIgnore& op_io_ignore_dicts,
-                                   const Names& tp_free_tensors, Names& tp_block_tensors,
-                                   OrderedDict<std::string>* tp_dir,
-                                   const Names& last_time_tp_change_unsupport_op) {
+std::string perm_text(const Perm& perm) {
+  std::string s;
+  for (size_t i = 0; i < perm.size(); ++i) {
+    if (i) s += ",";
+    s += std::to_string(perm[i]);
+  }
+  return s;
+}
+
+RankSay rank_say(const IR& ir, const std::string& t_name, size_t* rank) {
+  const Shape shape = ir.get_shape(t_name);
+  if (shape.empty()) {
+    const NDArray* c = ir.get_const(t_name);
+    return (!c || c->size() > 1) ? RankSay::kFail : RankSay::kNothing;
+  }
+  // A [1] constant broadcasts in any layout and never sets the rank.
+  if (shape == Shape{1} && ir.is_const(t_name)) return RankSay::kNothing;
+  *rank = shape.size();
+  return RankSay::kRank;
+}
+
+bool touches_mesh_op(const IR& ir, const MeshOps& ops, const std::string& t_name) {
+  for (const NodePtr& n : ir.next_nodes(t_name))
+    if (ops.free_type(n->op_type())) return true;
+  for (const NodePtr& n : ir.pre_nodes(t_name))
+    if (ops.free_type(n->op_type())) return true;
+  return false;
+}
+
+int64_t judge_cross_tp(const IR& ir, const Node& nod, const Perm& most_perm, size_t rank) {
+  if (ir.next_nodes(nod.input[0]).size() > 1 || ir.pre_nodes(nod.output[0]).size() > 1 ||
+      ir.is_output(nod.input[0]) || ir.is_output(nod.output[0]))
+    return 2;
+  const Perm perm = _func_tp_perm(ir, nod);
+  if (!is_perm_of(perm, rank)) return 2;
+  const Perm inverse = _get_inverse_perm(most_perm);
+  Perm new_perm;
+  for (int64_t p : perm) new_perm.push_back(inverse[p]);
+  // A crossing Transpose that the new layout turns into the identity goes.
+  return is_identity_perm(permuted(new_perm, most_perm)) ? -1 : 0;
+}
+
+EdgeVerdict judge_edge_tensor(const IR& ir, const std::string& t_name, const Perm& most_perm,
+                              const std::function<bool(const Node&)>& in_pass,
+                              OrderedDict<std::string>* tp_dir) {
+  EdgeVerdict verdict;
+  int64_t& tp_num = verdict.tp_delta;
+  const NodeList next_nodes = ir.next_nodes(t_name);
+  const NodeList pre_nodes = ir.pre_nodes(t_name);
+  const Shape shape = ir.get_shape(t_name);
+  const NodePtr pre_node = (!ir.is_input(t_name) && !pre_nodes.empty()) ? pre_nodes[0] : nullptr;
+  bool next_require_src_layout = ir.is_output(t_name);
+  std::string type;
+
+  if (pre_node && in_pass(*pre_node)) {
+    // Made inside the mesh: consumers outside it may need the old layout back.
+    int64_t rs_unchanged_rm_tp_num = 0;
+    for (const NodePtr& nod : next_nodes) {
+      if (nod->op_type() == "Transpose") {
+        if (check_equivalent_perm_for_tp(ir, t_name, _func_tp_perm(ir, *nod), most_perm))
+          tp_num -= 1;
+        if (tp_dir) (*tp_dir)[nod->name()] = "down";
+      } else if (nod->op_type() == "Reshape") {
+        const Shape in_shape = ir.get_shape(nod->input[0]);
+        if (order_test(most_perm, in_shape)) {
+          if (!all_in_order(ir, nod->input[0], in_shape, most_perm))
+            next_require_src_layout = true;
+          continue;
+        }
+        const std::string& rs_out = nod->output[0];
+        const NodeList rs_next = ir.next_nodes(rs_out);
+        const Shape rs_out_shape = ir.get_shape(rs_out);
+        if (ir.is_output(rs_out) || rs_next.size() != 1 || rs_next[0]->op_type() != "Transpose" ||
+            in_shape == rs_out_shape) {
+          next_require_src_layout = true;
+          continue;
+        }
+        const Perm rs_next_tp_perm = _func_tp_perm(ir, *rs_next[0]);
+        const ReshapeCarry carry =
+            _func_carry_reshape(in_shape, rs_out_shape, rs_next_tp_perm, most_perm);
+        if (!carry.ok || carry.new_tp_out != ir.get_shape(rs_next[0]->output[0])) {
+          next_require_src_layout = true;
+          continue;
+        }
+        Perm iota(carry.new_rs_out.size());
+        for (size_t i = 0; i < iota.size(); ++i) iota[i] = static_cast<int64_t>(i);
+        const auto eq = get_equivalent_perm_for_tp(rs_next_tp_perm, carry.new_rs_out);
+        if (std::find(eq.begin(), eq.end(), iota) != eq.end()) rs_unchanged_rm_tp_num += 1;
+      } else if (!in_pass(*nod)) {
+        next_require_src_layout = true;
+      }
+    }
+    if (next_require_src_layout) {
+      type = "insert_tp_for_next";
+    } else {
+      tp_num -= rs_unchanged_rm_tp_num;
+      type = "unchanged";
+    }
+  } else {
+    // Made outside the mesh: the tensor must be brought into the new layout.
+    std::string mountable_tp;
+    for (const NodePtr& nod : next_nodes) {
+      if (!in_pass(*nod) && nod->op_type() != "Transpose") next_require_src_layout = true;
+      if (nod->op_type() == "Transpose") {
+        if (check_equivalent_perm_for_tp(ir, t_name, _func_tp_perm(ir, *nod), most_perm)) {
+          if (mountable_tp.empty())
+            mountable_tp = nod->output[0];
+          else
+            tp_num -= 1;
+        }
+        if (tp_dir) (*tp_dir)[nod->name()] = "down";
+      }
+    }
+    if (!mountable_tp.empty()) {
+      type = "mount:" + mountable_tp;
+    } else if (ir.is_output(t_name)) {
+      type = "insert_tp";
+    } else if (pre_node && pre_node->op_type() == "Transpose") {
+      if (tp_dir) (*tp_dir)[pre_node->name()] = "up";
+      const Perm perm = _func_tp_perm(ir, *pre_node);
+      if (is_perm_of(perm, perm.size()) &&
+          check_equivalent_perm_for_tp(ir, t_name, _get_inverse_perm(perm), most_perm))
+        type = next_require_src_layout ? "bypass_top_tp" : "remove_top_tp";
+      else
+        type = next_require_src_layout ? "insert_tp" : "merge_top_tp";
+    } else if (pre_node && pre_node->op_type() == "Reshape") {
+      type = (all_in_order(ir, t_name, shape, most_perm) && !next_require_src_layout)
+                 ? "merge_top_rs"
+                 : "insert_tp";
+    } else if (next_nodes.size() == 1 && next_nodes[0]->op_type() == "Reshape") {
+      type = all_in_order(ir, t_name, shape, most_perm) ? "merge_bottom_rs" : "insert_tp";
+    } else {
+      type = "insert_tp";
+    }
+  }
+  if (type == "insert_tp" || type == "insert_tp_for_next") tp_num += 1;
+  if (type == "remove_top_tp") tp_num -= 1;
+  verdict.type = std::move(type);
+  return verdict;
+}
+
+OptResult judge_mesh(IR& ir, const MeshOps& ops, const Names& tp_free_tensors,
+                     Names& tp_block_tensors, OrderedDict<std::string>* tp_dir) {
   const OptResult failed_case_return;
-  auto is_free_type = [&](const NodePtr& n) { return has(tp_free_op_type, n->op_type()); };
 
   // Every tensor of the mesh must have the same rank; a constant of one
   // element broadcasts in any layout.
-  std::optional<Shape> uniform_shape;
-  Names all_tensors = tp_free_tensors;
-  all_tensors.insert(all_tensors.end(), tp_block_tensors.begin(), tp_block_tensors.end());
-  for (const std::string& t_name : all_tensors) {
-    const Shape shape = ir.get_shape(t_name);
-    if (shape.empty()) {
-      const NDArray* c = ir.get_const(t_name);
-      if (!c || c->size() > 1) return failed_case_return;
-      continue;
-    }
-    // A [1] constant is looked at first so that it never sets the rank.
-    if (shape == Shape{1} && ir.is_const(t_name)) continue;
-    if (!uniform_shape) {
-      uniform_shape = shape;
-    } else if (shape.size() != uniform_shape->size()) {
-      return failed_case_return;
+  std::optional<size_t> uniform_rank;
+  for (const Names* list : {&tp_free_tensors, static_cast<const Names*>(&tp_block_tensors)}) {
+    for (const std::string& t_name : *list) {
+      size_t rank = 0;
+      const RankSay say = rank_say(ir, t_name, &rank);
+      if (say == RankSay::kFail) return failed_case_return;
+      if (say == RankSay::kNothing) continue;
+      if (!uniform_rank) {
+        uniform_rank = rank;
+      } else if (rank != *uniform_rank) {
+        return failed_case_return;
+      }
     }
   }
 
+  // The Transpose nodes around the mesh vote; one met a second time has
+  // both its tensors on the edge.
   OrderedDict<int64_t> all_perms;
-  Names tp_refer, change_cross_tp;
+  NameSet tp_refer;
+  Names change_cross_tp;
   for (const std::string& t_name : tp_block_tensors) {
+    if (!touches_mesh_op(ir, ops, t_name)) return failed_case_return;
     const NodeList next_nodes = ir.next_nodes(t_name);
     const NodeList pre_nodes = ir.pre_nodes(t_name);
-    if (std::none_of(next_nodes.begin(), next_nodes.end(), is_free_type) &&
-        std::none_of(pre_nodes.begin(), pre_nodes.end(), is_free_type))
-      return failed_case_return;
     const Shape shape = ir.get_shape(t_name);
     for (const NodePtr& nod : pre_nodes) {
       if (nod->op_type() != "Transpose") continue;
-      if (has(tp_refer, nod->name())) {
+      if (!tp_refer.insert(nod->name()).second) {
         change_cross_tp.push_back(nod->name());
         continue;
       }
       const Perm perm = _func_tp_perm(ir, *nod);
       if (!is_perm_of(perm, perm.size())) return failed_case_return;
       vote_perm(_get_inverse_perm(perm), shape, all_perms);
-      tp_refer.push_back(nod->name());
     }
     for (const NodePtr& nod : next_nodes) {
       if (nod->op_type() != "Transpose") continue;
-      if (has(tp_refer, nod->name())) {
+      if (!tp_refer.insert(nod->name()).second) {
         change_cross_tp.push_back(nod->name());
         continue;
       }
       vote_perm(_func_tp_perm(ir, *nod), shape, all_perms);
-      tp_refer.push_back(nod->name());
     }
   }
 
@@ -311,160 +424,86 @@ OptResult _func_compute_opt_result(IR& ir, const Names& tp_free_op_type,
     ir.tmp_reduce_tp_cache.most_perm = *most_perm_str;
   }
   const std::optional<Perm> parsed = parse_perm(*most_perm_str);
-  const size_t rank = uniform_shape ? uniform_shape->size() : 0;
+  const size_t rank = uniform_rank.value_or(0);
   if (!parsed || !is_perm_of(*parsed, rank)) return failed_case_return;
   const Perm most_perm = *parsed;
 
-  const auto pass = _func_get_tp_pass_op(ir, tp_free_op_type, tp_change_param_op_type,
-                                         op_io_ignore_dicts, tp_free_tensors, tp_block_tensors,
-                                         last_time_tp_change_unsupport_op);
-  const Names& tp_free_pass_op = pass.first;
-  const Names& param_changed_ops = pass.second;
+  Names tp_tensors = tp_free_tensors;
+  tp_tensors.insert(tp_tensors.end(), tp_block_tensors.begin(), tp_block_tensors.end());
+  const NameSet in_mesh(tp_tensors.begin(), tp_tensors.end());
+  auto pass = mesh_pass_ops(ir, ops, tp_tensors, in_mesh);
+  const NameSet pass_set(pass.first.begin(), pass.first.end());
+  const NameSet free_set(tp_free_tensors.begin(), tp_free_tensors.end());
   Names tp_change_unsupport_op;
-  if (!param_changed_ops.empty()) {
-    for (const NodePtr& nod : _func_nodes_named(ir, param_changed_ops))
-      check_follow(ir, *nod, most_perm, tp_free_tensors, tp_change_unsupport_op);
-  }
+  for (const NodePtr& nod : _func_nodes_named(ir, pass.second))
+    check_follow(ir, *nod, most_perm, [&](const std::string& t) { return free_set.count(t) != 0; },
+                 tp_change_unsupport_op);
   if (!tp_change_unsupport_op.empty()) {
     OptResult refused;
-    refused.tp_change_unsupport_op = tp_change_unsupport_op;
+    refused.tp_change_unsupport_op = std::move(tp_change_unsupport_op);
     return refused;
   }
 
   OptResult res;
   res.change_cross_tp = change_cross_tp;
-  res.tp_free_pass_op = tp_free_pass_op;
-  res.param_changed_ops = param_changed_ops;
+  res.tp_free_pass_op = std::move(pass.first);
+  res.param_changed_ops = std::move(pass.second);
   int64_t& tp_num = res.tp_num;
   auto& t_process_type = res.t_process_type;
-  const Perm inverse = _get_inverse_perm(most_perm);
 
+  // Each crossing Transpose takes its two tensors off the edge: the first
+  // place of each, once per time it is named.
+  std::unordered_map<std::string, int64_t> drop;
   for (const std::string& n_name : change_cross_tp) {
     const NodePtr nod = ir.find_node(n_name);
     if (!nod) continue;
     t_process_type[nod->input[0]] = "change_cross_tp";
-    remove_first(tp_block_tensors, nod->input[0]);
-    remove_first(tp_block_tensors, nod->output[0]);
-    if (ir.next_nodes(nod->input[0]).size() > 1 || ir.pre_nodes(nod->output[0]).size() > 1 ||
-        ir.is_output(nod->input[0]) || ir.is_output(nod->output[0])) {
-      tp_num += 2;
-      continue;
+    ++drop[nod->input[0]];
+    ++drop[nod->output[0]];
+    tp_num += judge_cross_tp(ir, *nod, most_perm, rank);
+  }
+  if (!drop.empty()) {
+    Names kept;
+    kept.reserve(tp_block_tensors.size());
+    for (const std::string& t : tp_block_tensors) {
+      auto it = drop.find(t);
+      if (it != drop.end() && it->second > 0) {
+        --it->second;
+        continue;
+      }
+      kept.push_back(t);
     }
-    const Perm perm = _func_tp_perm(ir, *nod);
-    if (!is_perm_of(perm, rank)) {
-      tp_num += 2;
-      continue;
-    }
-    Perm new_perm;
-    for (int64_t p : perm) new_perm.push_back(inverse[p]);
-    // A crossing Transpose that the new layout turns into the identity goes.
-    if (is_identity_perm(permuted(new_perm, most_perm))) tp_num -= 1;
+    tp_block_tensors = std::move(kept);
   }
 
+  auto in_pass = [&](const Node& n) { return pass_set.count(n.name()) != 0; };
   for (const std::string& t_name : tp_block_tensors) {
-    const NodeList next_nodes = ir.next_nodes(t_name);
-    const NodeList pre_nodes = ir.pre_nodes(t_name);
-    const Shape shape = ir.get_shape(t_name);
-    const NodePtr pre_node = (!ir.is_input(t_name) && !pre_nodes.empty()) ? pre_nodes[0] : nullptr;
-    bool next_require_src_layout = ir.is_output(t_name);
-    std::string type;
-
-    if (pre_node && has(tp_free_pass_op, pre_node->name())) {
-      // Made inside the mesh: consumers outside it may need the old layout back.
-      int64_t rs_unchanged_rm_tp_num = 0;
-      for (const NodePtr& nod : next_nodes) {
-        if (nod->op_type() == "Transpose") {
-          if (check_equivalent_perm_for_tp(ir, t_name, _func_tp_perm(ir, *nod), most_perm))
-            tp_num -= 1;
-          if (tp_dir) (*tp_dir)[nod->name()] = "down";
-        } else if (nod->op_type() == "Reshape") {
-          const Shape in_shape = ir.get_shape(nod->input[0]);
-          if (order_test(most_perm, in_shape)) {
-            if (!all_in_order(ir, nod->input[0], in_shape, most_perm))
-              next_require_src_layout = true;
-            continue;
-          }
-          const std::string& rs_out = nod->output[0];
-          const NodeList rs_next = ir.next_nodes(rs_out);
-          const Shape rs_out_shape = ir.get_shape(rs_out);
-          if (ir.is_output(rs_out) || rs_next.size() != 1 || rs_next[0]->op_type() != "Transpose" ||
-              in_shape == rs_out_shape) {
-            next_require_src_layout = true;
-            continue;
-          }
-          const Perm rs_next_tp_perm = _func_tp_perm(ir, *rs_next[0]);
-          const ReshapeCarry carry =
-              _func_carry_reshape(in_shape, rs_out_shape, rs_next_tp_perm, most_perm);
-          if (!carry.ok || carry.new_tp_out != ir.get_shape(rs_next[0]->output[0])) {
-            next_require_src_layout = true;
-            continue;
-          }
-          Perm iota(carry.new_rs_out.size());
-          for (size_t i = 0; i < iota.size(); ++i) iota[i] = static_cast<int64_t>(i);
-          const auto eq = get_equivalent_perm_for_tp(rs_next_tp_perm, carry.new_rs_out);
-          if (std::find(eq.begin(), eq.end(), iota) != eq.end()) rs_unchanged_rm_tp_num += 1;
-        } else if (!has(tp_free_pass_op, nod->name())) {
-          next_require_src_layout = true;
-        }
-      }
-      if (next_require_src_layout) {
-        type = "insert_tp_for_next";
-      } else {
-        tp_num -= rs_unchanged_rm_tp_num;
-        type = "unchanged";
-      }
-    } else {
-      // Made outside the mesh: the tensor must be brought into the new layout.
-      std::string mountable_tp;
-      for (const NodePtr& nod : next_nodes) {
-        if (!has(tp_free_pass_op, nod->name()) && nod->op_type() != "Transpose")
-          next_require_src_layout = true;
-        if (nod->op_type() == "Transpose") {
-          if (check_equivalent_perm_for_tp(ir, t_name, _func_tp_perm(ir, *nod), most_perm)) {
-            if (mountable_tp.empty())
-              mountable_tp = nod->output[0];
-            else
-              tp_num -= 1;
-          }
-          if (tp_dir) (*tp_dir)[nod->name()] = "down";
-        }
-      }
-      if (!mountable_tp.empty()) {
-        type = "mount:" + mountable_tp;
-      } else if (ir.is_output(t_name)) {
-        type = "insert_tp";
-      } else if (pre_node && pre_node->op_type() == "Transpose") {
-        if (tp_dir) (*tp_dir)[pre_node->name()] = "up";
-        const Perm perm = _func_tp_perm(ir, *pre_node);
-        if (is_perm_of(perm, perm.size()) &&
-            check_equivalent_perm_for_tp(ir, t_name, _get_inverse_perm(perm), most_perm))
-          type = next_require_src_layout ? "bypass_top_tp" : "remove_top_tp";
-        else
-          type = next_require_src_layout ? "insert_tp" : "merge_top_tp";
-      } else if (pre_node && pre_node->op_type() == "Reshape") {
-        type = (all_in_order(ir, t_name, shape, most_perm) && !next_require_src_layout)
-                   ? "merge_top_rs"
-                   : "insert_tp";
-      } else if (next_nodes.size() == 1 && next_nodes[0]->op_type() == "Reshape") {
-        type = all_in_order(ir, t_name, shape, most_perm) ? "merge_bottom_rs" : "insert_tp";
-      } else {
-        type = "insert_tp";
-      }
-    }
-    t_process_type[t_name] = type;
-    if (type == "insert_tp" || type == "insert_tp_for_next") tp_num += 1;
-    if (type == "remove_top_tp") tp_num -= 1;
+    EdgeVerdict v = judge_edge_tensor(ir, t_name, most_perm, in_pass, tp_dir);
+    t_process_type[t_name] = std::move(v.type);
+    tp_num += v.tp_delta;
   }
 
   res.most_perm = most_perm;
   return res;
 }
 
+OptResult _func_compute_opt_result(IR& ir, const Names& tp_free_op_type,
+                                   const Names& tp_change_param_op_type,
+                                   const OpIoIgnore& op_io_ignore_dicts,
+                                   const Names& tp_free_tensors, Names& tp_block_tensors,
+                                   OrderedDict<std::string>* tp_dir,
+                                   const Names& last_time_tp_change_unsupport_op) {
+  const MeshOps ops(tp_free_op_type, tp_change_param_op_type, op_io_ignore_dicts,
+                    last_time_tp_change_unsupport_op);
+  return judge_mesh(ir, ops, tp_free_tensors, tp_block_tensors, tp_dir);
+}
+
 NodeList _func_nodes_named(const IR& ir, const std::vector<std::string>& names) {
   NodeList out;
+  std::unordered_set<const Node*> seen;
   for (const std::string& name : names) {
     NodePtr n = ir.find_node(name);
-    if (n && std::find(out.begin(), out.end(), n) == out.end()) out.push_back(std::move(n));
+    if (n && seen.insert(n.get()).second) out.push_back(std::move(n));
   }
   std::sort(out.begin(), out.end(), [](const NodePtr& a, const NodePtr& b) {
     return a->order() != b->order() ? a->order() < b->order() : a->uid() < b->uid();

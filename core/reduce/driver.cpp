@@ -7,6 +7,7 @@
 
 #include "host/log.h"
 #include "host/shape_infer.h"
+#include "layout/broadcast_rank.h"
 
 namespace tolm {
 
@@ -619,6 +620,7 @@ DriverStats run_tables(IR& ir, const std::vector<Row>& first, const std::vector<
       changed += folded.steps;
     }
     if (round == 0) changed += make_reshape_shapes_explicit(ir);
+    changed += make_broadcast_ranks_explicit(ir);  // each round: rules may leave new ones
     // Dead readers in the input would block rules that want a single reader.
     if (options.prune) {
       const int64_t dead = prune_dead(ir);

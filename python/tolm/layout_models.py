@@ -27,13 +27,21 @@ class _Builder:
         return outputs[0]
 
 
-def channels_last_cnn(blocks: int, channels: int = 8, size: int = 8, seed: int = 0) -> onnx.ModelProto:
+def channels_last_cnn(blocks: int, channels: int = 8, size: int = 8, seed: int = 0,
+                      channel_const_rank: int = 4) -> onnx.ModelProto:
     """`blocks` residual blocks over an NHWC tensor. Each block: Transpose to
-    NCHW, Conv, Transpose back; then in NHWC a per-channel Mul and Add (as
-    rank-4 constants), Sigmoid gate, a Split over channels into a Relu branch
-    and a Clip branch with a Slice, Concat, and the residual Add."""
+    NCHW, Conv, Transpose back; then in NHWC a per-channel Mul and Add, Sigmoid
+    gate, a Split over channels into a Relu branch and a Clip branch with a
+    Slice, Concat, and the residual Add.
+
+    The per-channel constants have shape [1, 1, 1, C] (`channel_const_rank` 4)
+    or [C] (1), as TensorFlow converters and hand-written graphs store them;
+    both broadcast alike."""
+    if channel_const_rank not in (1, 4):
+        raise ValueError(f"channel_const_rank is 1 or 4, got {channel_const_rank}")
     b = _Builder(seed)
     c, h, w = channels, size, size
+    per_channel = (1, 1, 1, c) if channel_const_rank == 4 else (c,)
     x = "x"
     for i in range(blocks):
         p = f"b{i}_"
@@ -41,8 +49,8 @@ def channels_last_cnn(blocks: int, channels: int = 8, size: int = 8, seed: int =
         t = b.node("Conv", [t, b.weight(p + "w", (c, c, 3, 3)), b.weight(p + "cb", (c,))], [p + "conv"],
                    p + "conv", pads=[1, 1, 1, 1], kernel_shape=[3, 3])
         t = b.node("Transpose", [t], [p + "nhwc"], p + "to_nhwc", perm=[0, 2, 3, 1])
-        t = b.node("Mul", [t, b.weight(p + "scale", (1, 1, 1, c), 0.05)], [p + "scaled"], p + "scale")
-        t = b.node("Add", [t, b.weight(p + "shift", (1, 1, 1, c))], [p + "shifted"], p + "shift")
+        t = b.node("Mul", [t, b.weight(p + "scale", per_channel, 0.05)], [p + "scaled"], p + "scale")
+        t = b.node("Add", [t, b.weight(p + "shift", per_channel)], [p + "shifted"], p + "shift")
         g = b.node("Sigmoid", [t], [p + "gate"], p + "sigmoid")
         t = b.node("Mul", [t, g], [p + "gated"], p + "gated")
         half = c // 2

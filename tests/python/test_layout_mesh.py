@@ -64,9 +64,9 @@ def test_transpose_feeding_a_graph_output_keeps_the_output_name():
     assert transposes(reduced) < transposes(model)
 
 
-def test_rank_one_broadcast_constant_blocks_the_region():
-    # A per-channel constant of rank 1 cannot be held in the permuted layout,
-    # so the region stays as it is; the numbers must not change either way.
+def test_rank_one_broadcast_constant_joins_the_region():
+    # A per-channel constant stored as [C] broadcasts as [1, 1, 1, C]: written
+    # at full rank, it moves with the region like any other constant.
     model = make_model(
         [
             ("Transpose", ["x"], ["a"], {"perm": [0, 2, 3, 1]}),
@@ -79,7 +79,7 @@ def test_rank_one_broadcast_constant_blocks_the_region():
         {"bias": np.arange(3, dtype=np.float32)},
     )
     reduced, _ = reduced_ok(model)
-    assert transposes(reduced) == 2
+    assert transposes(reduced) == 0
 
 
 def test_attention_transposes_around_matmul_stay():
@@ -234,3 +234,96 @@ def test_mesh_rule_with_direction_applies(direction, seed):
     out = ir.to_onnx()
     assert transposes(out) == 0
     assert_same_outputs(model, out)
+
+
+# ---- a region that cannot pay rests whole ------------------------------------------------
+
+
+def _wide_failing_region(length):
+    """tp_in -> Add of a rank-1 graph input -> a Relu chain of `length` nodes,
+    read along the way by Transpose exits and fed by a Transpose entry. The
+    region cannot take a layout of rank 4, from its first fork on."""
+    nodes = [("Transpose", ["x"], ["t0"], {"perm": NHWC, "name": "tp_in"}),
+             ("Transpose", ["x2"], ["u"], {"perm": NHWC, "name": "tp_entry"}),
+             ("Add", ["t0", "r"], ["s0"])]
+    nodes += [("Relu", [f"s{i}"], [f"s{i + 1}"]) for i in range(length)]
+    nodes += [("Add", [f"s{length // 2}", "u"], ["v"]),
+              ("Transpose", [f"s{length // 3}"], ["y1"], {"perm": NCHW, "name": "tp_exit1"}),
+              ("Transpose", ["v"], ["y2"], {"perm": NCHW, "name": "tp_exit2"}),
+              ("Transpose", [f"s{length}"], ["y3"], {"perm": NCHW, "name": "tp_exit3"})]
+    return make_model(nodes, {"x": [1, 2, 3, 4], "x2": [1, 2, 3, 4], "r": [2]},
+                      {k: [1, 2, 3, 4] for k in ("y1", "y2", "y3")})
+
+
+@pytest.mark.parametrize("length, whole_edge", [(120, True), (8, False)])
+def test_failed_region_pauses_every_transpose_on_its_edge_when_large(length, whole_edge):
+    from tolm.api.ir_graph import IRGraph
+    from tolm.api.rules import reduce
+
+    model = _wide_failing_region(length)
+    ir = IRGraph(model)
+    assert reduce._p_reduce_tp_in_mesh_forward(ir, [ir.find_node("tp_in")], None) == ([], [])
+    pause = ir.op_ruler_pause
+    forward = set(pause.get("reduce_tp_in_mesh_forward", []))
+    backward = set(pause.get("reduce_tp_in_mesh_backward", []))
+    if whole_edge:
+        # Each Transpose is paused under the rule that would seed it from the
+        # region's side: entries forward, exits backward; none the other way.
+        assert forward == {"tp_in", "tp_entry"}
+        assert backward == {"tp_exit1", "tp_exit2", "tp_exit3"}
+    else:
+        # A small region is left to be regrown from its other Transpose nodes.
+        assert not forward & {"tp_entry"} and not backward
+    reduced_ok(model)
+
+
+# ---- constants that broadcast from a lower rank --------------------------------------------
+
+
+def test_rank_one_channels_last_cnn_reduces_as_the_rank_four_one():
+    rank1, _ = reduced_ok(channels_last_cnn(4, channel_const_rank=1))
+    rank4, _ = reduced_ok(channels_last_cnn(4))
+    assert transposes(rank1) == 2
+    assert rank1.SerializeToString() == rank4.SerializeToString()
+    again, _ = tolm.reduce(rank1)
+    assert again.SerializeToString() == rank1.SerializeToString()
+
+
+def test_shared_rank_one_constant_gets_a_full_rank_copy_where_needed():
+    # k scales an NHWC region and is also added to a rank-1 graph input.
+    model = make_model(
+        [("Transpose", ["x"], ["a"], {"perm": NHWC}), ("Mul", ["a", "k"], ["b"]),
+         ("Transpose", ["b"], ["y"], {"perm": NCHW}), ("Add", ["v", "k"], ["z"])],
+        {"x": [1, 3, 4, 5], "v": [3]}, {"y": [1, 3, 4, 5], "z": [3]},
+        {"k": np.array([0.5, -1.0, 2.0], F)})
+    reduced, _ = reduced_ok(model)
+    assert transposes(reduced) == 0
+    dims = {i.name: list(i.dims) for i in reduced.graph.initializer}
+    add = next(n for n in reduced.graph.node if n.op_type == "Add")
+    mul = next(n for n in reduced.graph.node if n.op_type == "Mul")
+    assert add.input[1] == "k" and dims["k"] == [3]
+    assert mul.input[1] != "k" and len(dims[mul.input[1]]) == 4
+    again, _ = tolm.reduce(reduced)
+    assert again.SerializeToString() == reduced.SerializeToString()
+
+
+@pytest.mark.parametrize("op, operands, consts, mesh_op", [
+    ("Sub", ["k", "h"], {"k": np.array([1.0, -2.0, 3.0], F)}, True),
+    ("Div", ["h", "k"], {"k": np.array([[2.0, -4.0, 0.5]], F)}, True),
+    ("Pow", ["h2", "k"], {"k": np.array([2.0, 1.0, 3.0], F)}, True),
+    ("Where", ["cond", "h", "k"], {"cond": np.array([True, False, True]), "k": np.array([9.0, 8.0, 7.0], F)}, True),
+    ("Greater", ["h", "k"], {"k": np.array([0.0, 0.5, -0.5], F)}, True),
+    # Not layout-free for the mesh, but their constants take the full rank too.
+    ("Max", ["h", "k", "k2"], {"k": np.array([0.1, 0.0, -0.3], F), "k2": np.array([[[0.2]]], F)}, False),
+    ("PRelu", ["h", "k"], {"k": np.array([0.1, 0.5, 2.0], F)}, False),
+])
+def test_broadcast_constants_of_lower_rank_keep_the_numbers(op, operands, consts, mesh_op):
+    # An NHWC region around one broadcasting op whose constants have lower rank.
+    last = ("Cast", ["g"], ["out"], {"to": onnx.TensorProto.FLOAT}) if op == "Greater" else ("Identity", ["g"], ["out"])
+    model = make_model(
+        [("Transpose", ["x"], ["h"], {"perm": NHWC}), ("Abs", ["h"], ["h2"]), (op, operands, ["g"]), last,
+         ("Transpose", ["out"], ["y"], {"perm": NCHW})],
+        {"x": [2, 3, 4, 5]}, {"y": [2, 3, 4, 5]}, consts)
+    reduced, _ = reduced_ok(model)
+    assert all(len(i.dims) in (0, 4) for i in reduced.graph.initializer)
+    assert (transposes(reduced) < transposes(model)) == mesh_op

@@ -1,0 +1,67 @@
+// Constant operands of broadcasting elementwise ops, given the full rank.
+#include "layout/broadcast_rank.h"
+
+#include <algorithm>
+#include <string>
+#include <unordered_map>
+
+#include "host/edit.h"
+
+namespace tolm {
+namespace {
+
+// Ops whose inputs broadcast from the right, so that an operand with leading
+// axes of size 1 added gives the same result, by the opset from which they
+// do so (before it, Add and its kin broadcast by an `axis` attribute, and the
+// variadic ones not at all). PRelu's slope broadcasts one way, to X; the
+// same holds for it.
+const std::unordered_map<std::string, int64_t>& broadcasting_ops() {
+  static const std::unordered_map<std::string, int64_t> kOps = {
+      {"Add", 7},     {"Sub", 7},      {"Mul", 7},     {"Div", 7},
+      {"Pow", 7},     {"Mod", 10},     {"BitShift", 11}, {"Max", 8},
+      {"Min", 8},     {"Mean", 8},     {"Sum", 8},     {"Equal", 7},
+      {"Greater", 7}, {"Less", 7},     {"GreaterOrEqual", 12}, {"LessOrEqual", 12},
+      {"And", 7},     {"Or", 7},       {"Xor", 7},     {"Where", 9},
+      {"PRelu", 7}};
+  return kOps;
+}
+
+}  // namespace
+
+int64_t make_broadcast_ranks_explicit(IR& ir) {
+  int64_t changed = 0;
+  const auto& ops = broadcasting_ops();
+  // A copy: giving a node its own constant rewires it.
+  const NodeList nodes = ir.node();
+  for (const NodePtr& n : nodes) {
+    if (!n->domain.empty() && n->domain != "ai.onnx") continue;
+    auto op = ops.find(n->op_type());
+    if (op == ops.end() || ir.opset() < op->second) continue;
+    // The rank the operands broadcast to; unknown if any operand's is.
+    size_t rank = 0;
+    bool known = true;
+    for (const std::string& t : n->input) {
+      if (t.empty()) continue;
+      if (!ir.has_shape(t)) {
+        known = false;
+        break;
+      }
+      rank = std::max(rank, ir.get_shape(t).size());
+    }
+    if (!known) continue;
+    for (size_t i = 0; i < n->input.size(); ++i) {
+      const std::string t = n->input[i];
+      if (t.empty() || !ir.is_const(t) || ir.is_input(t)) continue;
+      const NDArray& value = *ir.get_const(t);
+      const size_t own = value.ndim();
+      if (own == 0 || own >= rank) continue;
+      Shape full(rank - own, 1);
+      full.insert(full.end(), value.shape().begin(), value.shape().end());
+      set_own_const(ir, *n, i, value.reshaped(full), "_rank" + std::to_string(rank));
+      ++changed;
+    }
+  }
+  return changed;
+}
+
+}  // namespace tolm

@@ -1,0 +1,121 @@
+// Constants that elementwise ops broadcast from a lower rank are written at
+// full rank: which operands change, which stay, and how a shared constant is
+// split. Numbers are checked end to end in onnxruntime from Python.
+#include <gtest/gtest.h>
+
+#include "graph_dsl.h"
+#include "layout/broadcast_rank.h"
+
+namespace tolm {
+namespace {
+
+using namespace testing_dsl;
+
+Shape const_shape(const IR& ir, const std::string& t) {
+  const NDArray* c = ir.get_const(t);
+  return c ? c->shape() : Shape{99};
+}
+
+TEST(BroadcastRank, PerChannelConstantTakesLeadingOnesAndKeepsItsValues) {
+  TestGraph t;
+  t.input("x", {1, 4, 5, 3}).const_f32("k", {1.0, 2.0, 3.0});
+  NodePtr mul = t.node("Mul", {"x", "k"}, {"y"});
+  t.shape("y", {1, 4, 5, 3}).output("y");
+  EXPECT_EQ(make_broadcast_ranks_explicit(t.ir), 1);
+  EXPECT_EQ(mul->input[1], "k");  // its only reader: changed in place
+  EXPECT_EQ(const_shape(t.ir, "k"), (Shape{1, 1, 1, 3}));
+  EXPECT_EQ(t.ir.get_shape("k"), (Shape{1, 1, 1, 3}));
+  EXPECT_EQ(t.ir.get_const("k")->to_f64(), (std::vector<double>{1.0, 2.0, 3.0}));
+  EXPECT_EQ(make_broadcast_ranks_explicit(t.ir), 0);  // a second pass finds nothing
+}
+
+TEST(BroadcastRank, SharedConstantIsCopiedOnlyForTheReadersThatNeedIt) {
+  TestGraph t;
+  t.input("x", {2, 3, 4}).input("v", {4}).const_f32("k", {1.0, 2.0, 3.0, 4.0});
+  NodePtr add4 = t.node("Add", {"x", "k"}, {"a"});
+  NodePtr add1 = t.node("Add", {"v", "k"}, {"b"});  // same rank: keeps k
+  NodePtr conv_like = t.node("Relu", {"k"}, {"r"});  // not a broadcasting op
+  t.shape("a", {2, 3, 4}).shape("b", {4}).shape("r", {4}).output("a").output("b").output("r");
+  EXPECT_EQ(make_broadcast_ranks_explicit(t.ir), 1);
+  EXPECT_NE(add4->input[1], "k");
+  EXPECT_EQ(const_shape(t.ir, add4->input[1]), (Shape{1, 1, 4}));
+  EXPECT_EQ(add1->input[1], "k");
+  EXPECT_EQ(conv_like->input[0], "k");
+  EXPECT_EQ(const_shape(t.ir, "k"), (Shape{4}));
+
+  // Two readers that both need the full rank: one copy, then the original
+  // has one reader left and changes in place.
+  TestGraph u;
+  u.input("x", {2, 4}).const_f32("k", {1.0, 2.0, 3.0, 4.0});
+  NodePtr m1 = u.node("Mul", {"x", "k"}, {"a"});
+  NodePtr m2 = u.node("Sub", {"k", "x"}, {"b"});
+  u.shape("a", {2, 4}).shape("b", {2, 4}).output("a").output("b");
+  EXPECT_EQ(make_broadcast_ranks_explicit(u.ir), 2);
+  EXPECT_EQ(const_shape(u.ir, m1->input[1]), (Shape{1, 4}));
+  EXPECT_EQ(const_shape(u.ir, m2->input[0]), (Shape{1, 4}));
+  EXPECT_NE(m1->input[1], m2->input[0]);
+}
+
+TEST(BroadcastRank, LeavesWhatIsNotAPlainBroadcastConstant) {
+  struct Case {
+    const char* what;
+    std::function<void(TestGraph&)> build;
+  };
+  const std::vector<Case> cases = {
+      {"scalar", [](TestGraph& t) {
+         t.ir.set_const("k", NDArray::from_f64({2.0}, {}, dt::FLOAT));
+         t.node("Mul", {"x", "k"}, {"y"});
+       }},
+      {"constant that is also a graph input", [](TestGraph& t) {
+         t.const_f32("k", {1.0, 2.0, 3.0});
+         t.ir.add_graph_input("k");
+         t.node("Add", {"x", "k"}, {"y"});
+       }},
+      {"operand of unknown rank", [](TestGraph& t) {
+         t.const_f32("k", {1.0, 2.0, 3.0});
+         t.node("Relu", {"x"}, {"h"});  // "h" has no shape
+         t.node("Add", {"h", "k"}, {"y"});
+       }},
+      {"legacy broadcast by axis before opset 7", [](TestGraph& t) {
+         t.ir.set_opset(6);
+         t.const_f32("k", {1.0, 2.0, 3.0});
+         t.node("Add", {"x", "k"}, {"y"}, {{"broadcast", 1}, {"axis", 3}});
+       }},
+      {"variadic Max before opset 8", [](TestGraph& t) {
+         t.ir.set_opset(7);
+         t.const_f32("k", {1.0, 2.0, 3.0});
+         t.node("Max", {"x", "k"}, {"y"});
+       }},
+      {"op of another domain", [](TestGraph& t) {
+         t.const_f32("k", {1.0, 2.0, 3.0});
+         NodePtr n = Node::make("Add", {"x", "k"}, {"y"}, "custom", {}, "com.vendor");
+         t.ir.add_node(n);
+       }},
+  };
+  for (const Case& c : cases) {
+    TestGraph t;
+    t.input("x", {1, 4, 5, 3});
+    c.build(t);
+    t.shape("y", {1, 4, 5, 3}).output("y");
+    const Shape before = const_shape(t.ir, "k");
+    EXPECT_EQ(make_broadcast_ranks_explicit(t.ir), 0) << c.what;
+    EXPECT_EQ(const_shape(t.ir, "k"), before) << c.what;
+  }
+}
+
+TEST(BroadcastRank, PReluSlopeAndWhereOperandsFollowTheDataRank) {
+  TestGraph t;
+  t.input("x", {1, 2, 2, 3}).const_f32("slope", {0.1, 0.2, 0.3});
+  t.const_i64("cond", {1, 0, 1}, {3}, dt::BOOL).const_f32("other", {5.0, 6.0, 7.0});
+  NodePtr prelu = t.node("PRelu", {"x", "slope"}, {"p"});
+  NodePtr where = t.node("Where", {"cond", "p", "other"}, {"y"});
+  t.shape("p", {1, 2, 2, 3}).shape("y", {1, 2, 2, 3}).output("y");
+  EXPECT_EQ(make_broadcast_ranks_explicit(t.ir), 3);
+  EXPECT_EQ(const_shape(t.ir, prelu->input[1]), (Shape{1, 1, 1, 3}));
+  EXPECT_EQ(const_shape(t.ir, where->input[0]), (Shape{1, 1, 1, 3}));
+  EXPECT_EQ(t.ir.get_dtype(where->input[0]), dt::BOOL);
+  EXPECT_EQ(const_shape(t.ir, where->input[2]), (Shape{1, 1, 1, 3}));
+}
+
+}  // namespace
+}  // namespace tolm
