@@ -110,20 +110,27 @@ void check_reshape(const IR& ir, const Node& n) {
                   list_text(in));
 }
 
-void check_dims(const onnx::ValueInfoProto& vi, const char* what) {
+void check_dims(onnx::ValueInfoProto& vi, const char* what) {
   if (!vi.type().has_tensor_type() || !vi.type().tensor_type().has_shape()) return;
-  for (const auto& d : vi.type().tensor_type().shape().dim())
-    if (d.has_dim_value() && d.dim_value() < 0)
-      throw LoadError(std::string(what) + " " + vi.name() + " has the negative dimension " +
-                      std::to_string(d.dim_value()));
+  for (auto& d : *vi.mutable_type()->mutable_tensor_type()->mutable_shape()->mutable_dim()) {
+    if (!d.has_dim_value() || d.dim_value() >= 0) continue;
+    // Some exporters write -1 for a dimension they leave free: read it as the
+    // free dimension it stands for. Any other negative size is a broken model.
+    if (d.dim_value() == -1) {
+      d.clear_dim_value();
+      continue;
+    }
+    throw LoadError(std::string(what) + " " + vi.name() + " has the negative dimension " +
+                    std::to_string(d.dim_value()));
+  }
 }
 
 }  // namespace
 
-void validate_declared_shapes(const onnx::GraphProto& g) {
-  for (const auto& vi : g.input()) check_dims(vi, "graph input");
-  for (const auto& vi : g.output()) check_dims(vi, "graph output");
-  for (const auto& vi : g.value_info()) check_dims(vi, "value_info of tensor");
+void validate_declared_shapes(onnx::GraphProto& g) {
+  for (auto& vi : *g.mutable_input()) check_dims(vi, "graph input");
+  for (auto& vi : *g.mutable_output()) check_dims(vi, "graph output");
+  for (auto& vi : *g.mutable_value_info()) check_dims(vi, "value_info of tensor");
 }
 
 void validate_graph(const IR& ir) {

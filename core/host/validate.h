@@ -13,9 +13,9 @@ class GraphProto;
 namespace tolm {
 
 // Dimensions the graph declares for its inputs, outputs and value_info
-// records: none may be negative (symbolic and unknown dimensions are fine).
-// Throws LoadError.
-void validate_declared_shapes(const onnx::GraphProto& g);
+// records: -1, which some exporters write for a free dimension, becomes an
+// unknown dimension; any other negative size throws LoadError.
+void validate_declared_shapes(onnx::GraphProto& g);
 
 // The loaded graph, after shape inference: every tensor a node reads (also
 // inside its sub-graphs) and every graph output is defined, Transpose

@@ -110,8 +110,8 @@ def bad_models(tmp_path):
             "graph input x has the negative dimension -4",
         ),
         "negative output dim": (
-            [save_model("no.onnx", ("Relu", ["x"], ["y"]), outputs={"y": [-1, 3]}), *out],
-            "graph output y has the negative dimension -1",
+            [save_model("no.onnx", ("Relu", ["x"], ["y"]), outputs={"y": [-2, 3]}), *out],
+            "graph output y has the negative dimension -2",
         ),
         "contradicting input shape": (
             [save_model("cs.onnx", ("Relu", ["x"], ["y"]), inputs={"x": ["N", 3]}), *out, "--input-shape", "x:5,4"],

@@ -133,6 +133,22 @@ def test_symbolic_input_with_input_shapes():
     assert report["check"]["status"] == "passed"
 
 
+def test_minus_one_declared_dimension_is_free():
+    # Exporters that write -1 for a free dimension: the model loads, keeps its
+    # numbers, and the dimension comes back free rather than negative.
+    m = make_model(
+        [("Transpose", ["x"], ["a"], {"perm": [1, 0]}), ("Transpose", ["a"], ["y"], {"perm": [1, 0]})],
+        inputs={"x": [-1, 5]},
+        outputs={"y": [-1, 5]},
+    )
+    reduced, report = tolm.reduce(m, check=1)
+    onnx.checker.check_model(reduced, full_check=True)
+    assert report["check"]["status"] == "passed"
+    out_dims = reduced.graph.output[0].type.tensor_type.shape.dim
+    assert not out_dims[0].HasField("dim_value") and out_dims[1].dim_value == 5
+    assert [n.op_type for n in reduced.graph.node] == ["Identity"]  # y keeps its own name
+
+
 @pytest.mark.parametrize("opset", [13, 18])  # the native load path, and the one through ONNX's inference
 @pytest.mark.parametrize(
     "shape, error",
