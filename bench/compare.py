@@ -78,8 +78,9 @@ def _run_tool(tool: str, model: onnx.ModelProto, src: Path, dst: Path):
         import tolm
 
         def go():
-            out, _ = tolm.reduce(model)
+            out, report = tolm.reduce(model)
             onnx.save(out, str(dst))
+            return {"fold": report["fold"]}
         return go
     if tool == "onnxsim":
         import onnxsim
@@ -130,10 +131,10 @@ def worker(tool: str, src: Path, dst: Path) -> int:
     go = _run_tool(tool, model, src, dst)
     before = _rss_mb()
     t0 = time.perf_counter()
-    go()
+    extra = go() or {}
     dt = time.perf_counter() - t0
     peak = _peak_rss_mb()
-    print(json.dumps({"time_s": dt, "peak_rss_mb": peak, "rss_before_mb": before}))
+    print(json.dumps({"time_s": dt, "peak_rss_mb": peak, "rss_before_mb": before, **extra}))
     return 0
 
 
@@ -177,6 +178,33 @@ def op_counts(model: onnx.ModelProto) -> dict:
     for n in model.graph.node:
         c[n.op_type] = c.get(n.op_type, 0) + 1
     return c
+
+
+def foldable_left(model: onnx.ModelProto) -> list:
+    """Nodes of ``model`` that compute from constants or from static shapes
+    only: every input a stored or Constant tensor, or a Shape/Size of a tensor
+    whose shape is fully known."""
+    from onnx import shape_inference
+
+    inferred = shape_inference.infer_shapes(model)
+    static = set()
+    for vi in [*inferred.graph.input, *inferred.graph.value_info, *inferred.graph.output]:
+        t = vi.type.tensor_type
+        if t.HasField("shape") and all(d.HasField("dim_value") for d in t.shape.dim):
+            static.add(vi.name)
+    consts = {i.name for i in model.graph.initializer}
+    consts |= {o for n in model.graph.node if n.op_type == "Constant" for o in n.output}
+    left = []
+    for n in model.graph.node:
+        if n.op_type == "Constant":
+            continue
+        ins = [i for i in n.input if i]
+        if n.op_type in ("Shape", "Size") and ins and ins[0] in static:
+            left.append(n.name or n.op_type)
+        elif ins and all(i in consts for i in ins) and not any(
+                a.type in (onnx.AttributeProto.GRAPH, onnx.AttributeProto.GRAPHS) for a in n.attribute):
+            left.append(n.name or n.op_type)
+    return left
 
 
 def kind_counts(model: onnx.ModelProto) -> dict:
@@ -357,6 +385,22 @@ def write_markdown(results: dict, manifest: dict, path: Path, runs: int, cli_n: 
                 f"{r['Slice/Split/Concat']} | {r['time_s']:.3f} | {r['peak_rss_mb']:.0f} | "
                 f"{r['rss_before_mb']:.0f} | {match} |")
         lines.append("")
+    # What folding did in tolm-reduce, and whether anything foldable is left.
+    lines += ["## Folding in tolm-reduce", "",
+              "*folded*: nodes the fold pass and the standard fusions removed; *kept by size*: foldable nodes the "
+              "size limits keep; *foldable left*: nodes of the result that compute from constants or static shapes "
+              "only (those kept by size included).", "",
+              "| model | folded | ops folded | fusions | kept by size | foldable left |", "|---|---:|---|---|---:|---:|"]
+    for name, res in results.items():
+        r = res["tools"].get("tolm", {})
+        f = r.get("fold")
+        if r.get("status") != "ok" or not f:
+            continue
+        ops = ", ".join(f"{k} {v}" for k, v in f["folded"].items()) or "-"
+        fus = ", ".join(f"{k} {v}" for k, v in f["fusions"].items()) or "-"
+        lines.append(f"| {name} | {f['removed_nodes']} | {ops} | {fus} | {len(f['kept_by_size'])} | "
+                     f"{len(r.get('foldable_left', []))} |")
+    lines.append("")
     # Where a peer leaves fewer nodes of a tracked kind than tolm-reduce.
     lines += ["## Where a peer leaves fewer than tolm-reduce", "",
               "| model | kind | tolm | best peer | peer count |", "|---|---|---:|---|---:|"]
@@ -456,7 +500,10 @@ def main(argv=None) -> int:
                 r = run_tool(tool, src, dst)
                 if r["status"] == "ok":
                     try:
-                        r.update(kind_counts(onnx.load(str(dst))))
+                        result = onnx.load(str(dst))
+                        r.update(kind_counts(result))
+                        if tool == "tolm":
+                            r["foldable_left"] = foldable_left(result)
                         r["check"] = compare_outputs(dst, refs)
                     except Exception as exc:
                         r = {"status": "failed", "reason": f"result unreadable: {_first_line(str(exc))}"}
