@@ -130,6 +130,21 @@ std::string set_own_const(IR& ir, Node& node, size_t idx, const NDArray& value,
   return fresh;
 }
 
+std::string set_shared_const(IR& ir, const std::vector<InputSlot>& slots, const NDArray& value,
+                             const std::string& suffix) {
+  const std::string name = slots.front().node->input[slots.front().slot];
+  const bool all_readers = ir.is_const(name) && !ir.is_output(name) && !ir.is_input(name) &&
+                           ir.use_count(name) == slots.size();
+  if (all_readers) {
+    ir.set_const(name, value);
+    return name;
+  }
+  const std::string fresh = oper_name_join(ir, name, suffix);
+  ir.set_const(fresh, value);
+  for (const InputSlot& s : slots) ir.set_input(*s.node, s.slot, fresh);
+  return fresh;
+}
+
 namespace {
 
 bool target_is_explicit(const IR& ir, const Node& reshape) {

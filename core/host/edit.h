@@ -77,6 +77,20 @@ NodePtr copy_with_attrs(const Node& node, const std::vector<Attr>& attrs);
 std::string set_own_const(IR& ir, Node& node, size_t idx, const NDArray& value,
                           const std::string& suffix);
 
+// One input slot of a node: `node.input[slot]`.
+struct InputSlot {
+  Node* node;
+  size_t slot;
+};
+
+// The constant that every slot of `slots` reads (one tensor for all) becomes
+// `value` for them: rewritten in place when they are all its readers and it is
+// no graph input or output, else one copy named from it and `suffix` that
+// they all read. Returns the name they now read. Costs what the slots and the
+// tensor's readers cost, however many readers share it.
+std::string set_shared_const(IR& ir, const std::vector<InputSlot>& slots, const NDArray& value,
+                             const std::string& suffix);
+
 // ---- Reshape targets ------------------------------------------------------
 
 // A Reshape target with a 0 (allowzero unset) copies a dimension of whatever

@@ -307,6 +307,9 @@ bool IR::same_attr(const Node& a, const Node& b) {
 // --------------------------------------------------------------- constants
 
 const NDArray* IR::get_const(const std::string& t) const {
+  // Most questions are about tensors that are no constant: the flat tensor
+  // index answers those without hashing the name a second time.
+  if (!is_const(t)) return nullptr;
   auto it = consts_.find(t);
   return it == consts_.end() ? nullptr : &it->second;
 }

@@ -2,6 +2,7 @@
 #include "layout/broadcast_rank.h"
 
 #include <algorithm>
+#include <map>
 #include <string>
 #include <unordered_map>
 
@@ -29,18 +30,26 @@ const std::unordered_map<std::string, int64_t>& broadcasting_ops() {
 }  // namespace
 
 int64_t make_broadcast_ranks_explicit(IR& ir) {
-  int64_t changed = 0;
   const auto& ops = broadcasting_ops();
-  // A copy: giving a node its own constant rewires it.
-  const NodeList nodes = ir.node();
-  for (const NodePtr& n : nodes) {
-    if (!n->domain.empty() && n->domain != "ai.onnx") continue;
-    auto op = ops.find(n->op_type());
+  // The slots that read one constant at one rank below the op's, in the order
+  // the graph first meets them: each such group shares one full-rank copy, so
+  // a constant read by many nodes costs one rewrite, not one per reader.
+  struct Group {
+    std::string constant;
+    size_t rank;
+    std::vector<InputSlot> slots;
+  };
+  std::vector<Group> groups;
+  std::map<std::pair<std::string, size_t>, size_t> group_of;
+  for (Node* np : ir.node_order()) {
+    Node& n = *np;
+    if (!n.domain.empty() && n.domain != "ai.onnx") continue;
+    auto op = ops.find(n.op_type());
     if (op == ops.end() || ir.opset() < op->second) continue;
     // The rank the operands broadcast to; unknown if any operand's is.
     size_t rank = 0;
     bool known = true;
-    for (const std::string& t : n->input) {
+    for (const std::string& t : n.input) {
       if (t.empty()) continue;
       if (!ir.has_shape(t)) {
         known = false;
@@ -49,19 +58,23 @@ int64_t make_broadcast_ranks_explicit(IR& ir) {
       rank = std::max(rank, ir.get_shape(t).size());
     }
     if (!known) continue;
-    for (size_t i = 0; i < n->input.size(); ++i) {
-      const std::string t = n->input[i];
+    for (size_t i = 0; i < n.input.size(); ++i) {
+      const std::string& t = n.input[i];
       if (t.empty() || !ir.is_const(t) || ir.is_input(t)) continue;
-      const NDArray& value = *ir.get_const(t);
-      const size_t own = value.ndim();
+      const size_t own = ir.get_const(t)->ndim();
       if (own == 0 || own >= rank) continue;
-      Shape full(rank - own, 1);
-      full.insert(full.end(), value.shape().begin(), value.shape().end());
-      set_own_const(ir, *n, i, value.reshaped(full), "_rank" + std::to_string(rank));
-      ++changed;
+      auto at = group_of.emplace(std::make_pair(t, rank), groups.size());
+      if (at.second) groups.push_back(Group{t, rank, {}});
+      groups[at.first->second].slots.push_back(InputSlot{&n, i});
     }
   }
-  return changed;
+  for (const Group& g : groups) {
+    const NDArray value = *ir.get_const(g.constant);
+    Shape full(g.rank - value.ndim(), 1);
+    full.insert(full.end(), value.shape().begin(), value.shape().end());
+    set_shared_const(ir, g.slots, value.reshaped(full), "_rank" + std::to_string(g.rank));
+  }
+  return static_cast<int64_t>(groups.size());
 }
 
 }  // namespace tolm
