@@ -205,6 +205,7 @@ py::dict stats_to_python(const IR& ir, const DriverStats& s) {
   d["fold"] = fold_to_python(ir, s.fold);
   d["rule_seconds"] = py::cast(s.rule_seconds);
   d["rounds"] = s.rounds;
+  d["subgraph_nodes_removed"] = s.subgraph_nodes_removed;
   return d;
 }
 
@@ -277,8 +278,9 @@ void init_rules(py::module& m) {
   m.def("run_reduce",
         [](IR& ir, py::object quant_tab, int64_t max_rewrites, bool prune, bool strict, bool fold,
            bool matmul_add_to_gemm, int64_t fold_max_bytes, py::object skip, py::object only,
-           py::object progress) {
+           py::object progress, bool subgraphs) {
           DriverOptions opt;
+          opt.subgraphs = subgraphs;
           opt.skip = row_keys(skip, "skip");
           opt.only = row_keys(only, "only");
           if (!progress.is_none()) {
@@ -304,10 +306,11 @@ void init_rules(py::module& m) {
         py::arg("ir"), py::arg("quant_tab") = py::none(), py::arg("max_rewrites") = 0,
         py::arg("prune") = true, py::arg("strict") = false, py::arg("fold") = true,
         py::arg("matmul_add_to_gemm") = false, py::arg("fold_max_bytes") = -1, py::arg("skip") = py::none(),
-        py::arg("only") = py::none(), py::arg("progress") = py::none(),
+        py::arg("only") = py::none(), py::arg("progress") = py::none(), py::arg("subgraphs") = true,
         "Runs cvt_reduce then fuse_reduce until nothing applies; returns the statistics.\n"
         "skip: row keys to leave out; only: when given, the only row keys to run (unknown keys\n"
-        "raise ValueError); progress: called with a line of text after the fold pass and each round.\n"
+        "raise ValueError); progress: called with a line of text after the fold pass and each round;\n"
+        "subgraphs: also reduce the bodies of If, Loop and Scan nodes.\n"
         "strict: a rule that throws, or edits the graph and then does not apply, raises\n"
         "RuleError instead of being undone and reported in 'rule_faults'.\n"
         "fold: fold constants and apply the standard fusions, before the tables and\n"

@@ -1004,4 +1004,65 @@ std::string save_model(const IR& ir, const SaveOptions& options) {
   return out;
 }
 
+// ============================================================ sub-graphs
+
+std::vector<std::string> subgraph_outer_names(const std::string& graph_bytes) {
+  onnx::GraphProto g;
+  if (!g.ParseFromString(graph_bytes)) throw LoadError("sub-graph does not parse");
+  std::vector<std::string> out;
+  free_names(g, out);
+  return out;
+}
+
+std::unique_ptr<IR> load_subgraph(const IR& outer, const std::string& graph_bytes) {
+  onnx::ModelProto model;
+  if (!outer.model_shell.empty() && !model.ParseFromString(outer.model_shell))
+    throw LoadError("model shell is corrupt");
+  if (model.ir_version() <= 0) model.set_ir_version(8);
+  bool have_opset = false;
+  for (auto& op : *model.mutable_opset_import())
+    if (is_default_domain(op.domain())) {
+      op.set_version(outer.opset());
+      have_opset = true;
+    }
+  if (!have_opset) {
+    auto* op = model.add_opset_import();
+    op->set_domain("");
+    op->set_version(outer.opset());
+  }
+  onnx::GraphProto* g = model.mutable_graph();
+  if (!g->ParseFromString(graph_bytes)) throw LoadError("sub-graph does not parse");
+  std::vector<std::string> outer_names;
+  free_names(*g, outer_names);
+  for (const auto& name : outer_names) {
+    const int32_t dtype = outer.get_dtype(name);
+    if (dtype == dt::UNDEFINED) throw LoadError("sub-graph reads " + name + ", whose type the outer graph does not know");
+    onnx::ValueInfoProto* vi = g->add_input();
+    vi->set_name(name);
+    auto* tt = vi->mutable_type()->mutable_tensor_type();
+    tt->set_elem_type(dtype);
+    if (outer.has_shape(name)) {
+      auto* sh = tt->mutable_shape();
+      for (int64_t d : outer.get_shape(name)) sh->add_dim()->set_dim_value(d);
+    }
+  }
+  return load_model(model.SerializeAsString());
+}
+
+std::string save_subgraph(const IR& body, const std::string& original_graph_bytes) {
+  onnx::GraphProto original;
+  if (!original.ParseFromString(original_graph_bytes)) throw std::runtime_error("sub-graph does not parse");
+  onnx::ModelProto model;
+  if (!model.ParseFromString(save_model(body))) throw std::runtime_error("sub-graph does not serialize");
+  onnx::GraphProto* g = model.mutable_graph();
+  std::unordered_set<std::string> own;
+  for (const auto& vi : original.input()) own.insert(vi.name());
+  auto* inputs = g->mutable_input();
+  for (int i = inputs->size() - 1; i >= 0; --i)
+    if (!own.count(inputs->Get(i).name())) inputs->DeleteSubrange(i, 1);
+  g->set_name(original.name());
+  if (!original.doc_string().empty()) g->set_doc_string(original.doc_string());
+  return g->SerializeAsString();
+}
+
 }  // namespace tolm

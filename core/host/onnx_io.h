@@ -5,6 +5,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "host/ir.h"
 
@@ -51,5 +52,17 @@ std::unique_ptr<IR> load_model_file(const std::string& path, const LoadOptions& 
 // std::runtime_error when the model would pass 2 GB inside one file, or the
 // data file cannot be written.
 std::string save_model(const IR& ir, const SaveOptions& options = {});
+
+// Sub-graphs (the bodies of If, Loop and Scan) as graphs of their own, as
+// serialized GraphProto. Loaded with the outer-scope names the body reads as
+// further graph inputs, typed and shaped as the outer graph has them, so that
+// rules see them as inputs they may neither produce nor rename. Throws
+// LoadError when the body cannot be taken in (an outer name of unknown type).
+std::unique_ptr<IR> load_subgraph(const IR& outer, const std::string& graph_bytes);
+// The body back, without the outer-scope inputs load_subgraph added; its name
+// and doc string as they were.
+std::string save_subgraph(const IR& body, const std::string& original_graph_bytes);
+// The outer-scope names a serialized GraphProto reads, in first-use order.
+std::vector<std::string> subgraph_outer_names(const std::string& graph_bytes);
 
 }  // namespace tolm

@@ -9,6 +9,7 @@
 #include "host/log.h"
 #include "host/shape_infer.h"
 #include "layout/broadcast_rank.h"
+#include "reduce/subgraphs.h"
 
 namespace tolm {
 
@@ -636,6 +637,9 @@ DriverStats run_tables(IR& ir, const std::vector<Row>& first, const std::vector<
   auto tell = [&](const std::string& what) {
     if (options.progress) options.progress(what);
   };
+  // What the bodies of sub-graphs did, added in at the end: their rewrites
+  // do not count against this graph's budget.
+  DriverStats inner;
   for (int round = 0;; ++round) {
     int64_t changed = 0;
     if (round == 0 && options.fold) {
@@ -643,6 +647,11 @@ DriverStats run_tables(IR& ir, const std::vector<Row>& first, const std::vector<
       total.fold.add(folded);
       changed += folded.steps;
       tell("fold pass: " + std::to_string(folded.removed_nodes) + " node(s) folded away");
+    }
+    if (round == 0 && options.subgraphs) {
+      const int64_t bodies = reduce_subgraphs(ir, quant_tab, options, inner);
+      changed += bodies;
+      if (bodies > 0) tell("sub-graphs: " + std::to_string(bodies) + " node(s) with reduced bodies");
     }
     if (round == 0) changed += make_reshape_shapes_explicit(ir);
     changed += make_broadcast_ranks_explicit(ir);  // each round: rules may leave new ones
@@ -685,6 +694,13 @@ DriverStats run_tables(IR& ir, const std::vector<Row>& first, const std::vector<
       break;
     }
   }
+  for (const auto& kv : inner.fired) total.fired[kv.first] += kv.second;
+  for (const auto& kv : inner.rule_seconds) total.rule_seconds[kv.first] += kv.second;
+  total.rewrites += inner.rewrites;
+  total.attempts += inner.attempts;
+  total.rule_faults.insert(total.rule_faults.end(), inner.rule_faults.begin(), inner.rule_faults.end());
+  total.fold.add(inner.fold);
+  total.subgraph_nodes_removed += inner.subgraph_nodes_removed;
   return total;
 }
 

@@ -29,6 +29,9 @@ struct DriverOptions {
   FoldOptions fold_options;
   // Row keys the driver leaves out, and, when not empty, the only ones it
   // runs. Keys are checked against the tables by check_row_keys.
+  // Reduce the bodies of If, Loop and Scan nodes too, each as a graph of its
+  // own whose outer-scope names are inputs.
+  bool subgraphs = true;
   std::set<std::string> skip;
   std::set<std::string> only;
   // Told after the fold pass and after each round of the tables, with what
@@ -62,6 +65,7 @@ struct DriverStats {
   FoldStats fold;
   std::map<std::string, double> rule_seconds;  // row key -> time in its procedure
   int64_t rounds = 0;
+  int64_t subgraph_nodes_removed = 0;  // nodes the bodies of sub-graphs lost
 };
 
 // Throws std::invalid_argument naming a key of `keys` that no row of the

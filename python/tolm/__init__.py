@@ -140,6 +140,7 @@ def _empty_report(target: str) -> Dict[str, Any]:
         "rewrites": 0,
         "attempts": 0,
         "rounds": 0,
+        "subgraph_nodes_removed": 0,
         "pruned_nodes": 0,
         "converged": True,
         "rule_faults": [],
@@ -170,6 +171,7 @@ class _Run:
         only: Optional[Sequence[str]] = None,
         progress: Optional[Callable[[str], None]] = None,
         keep: Optional[list] = None,
+        subgraphs: bool = True,
     ):
         from tolm.api.ir_graph import (
             IRGraph,
@@ -211,13 +213,13 @@ class _Run:
         report["load"] = {"constant_nodes": info["constant_nodes"], "external_tensors": info["external_tensors"]}
         report["times_ms"]["load"] = _ms(t1 - t0)
         self._tell(f"loaded {report['nodes_before']} nodes in {_ms(t1 - t0):.0f} ms")
-        self._reduce_args = (quant_tab, strict, fold, matmul_add_to_gemm, skip_keys, only_keys, keep)
+        self._reduce_args = (quant_tab, strict, fold, matmul_add_to_gemm, skip_keys, only_keys, keep, subgraphs)
 
     def run_tables(self) -> None:
         """Folding, then both rule tables until nothing applies."""
         from tolm.api.rules import reduce as rules
 
-        quant_tab, strict, fold, matmul_add_to_gemm, skip_keys, only_keys, keep = self._reduce_args
+        quant_tab, strict, fold, matmul_add_to_gemm, skip_keys, only_keys, keep, subgraphs = self._reduce_args
         ir, report, progress = self.ir, self.report, self.progress
         t1 = time.perf_counter()
         rules.clear_log_history()
@@ -230,6 +232,7 @@ class _Run:
             skip=skip_keys,
             only=only_keys,
             progress=self._tell if progress else None,
+            subgraphs=bool(subgraphs),
         )
         t2 = time.perf_counter()
         if keep is not None:
@@ -242,6 +245,7 @@ class _Run:
             rewrites=stats["rewrites"],
             attempts=stats["attempts"],
             rounds=stats["rounds"],
+            subgraph_nodes_removed=stats["subgraph_nodes_removed"],
             pruned_nodes=stats["pruned_nodes"],
             converged=stats["converged"],
             rule_faults=list(stats["rule_faults"]),
@@ -359,6 +363,7 @@ def reduce(
     check_atol: Optional[float] = None,
     check_int_range: Optional[Tuple[int, int]] = None,
     progress: Optional[Callable[[str], None]] = None,
+    subgraphs: bool = True,
 ) -> Tuple[onnx.ModelProto, Dict[str, Any]]:
     """Reduces a model (ModelProto, serialized bytes or path).
 
@@ -381,7 +386,8 @@ def reduce(
     undone and listed under ``rule_faults``. ``strict=None`` takes the
     environment variable ``TOLM_STRICT``. ``fold`` folds what is constant and
     applies the standard fusions; ``matmul_add_to_gemm`` also turns MatMul +
-    constant Add into Gemm.
+    constant Add into Gemm. ``subgraphs`` also reduces the bodies of If, Loop
+    and Scan nodes, with the outer-scope names they read left as they are.
 
     With ``output`` the model is written there: its tensor data goes to
     ``output + ".data"`` when ``external_data`` is true, or, with
@@ -401,7 +407,10 @@ def reduce(
         raise TypeError(f"external_data_threshold must be a number of bytes, got {external_data_threshold!r}")
     if external_data and output is None:
         raise ValueError("external_data needs output=: the data file is written beside the model")
-    run = _Run(model, target, quant_tab, input_shapes, strict, fold, matmul_add_to_gemm, skip, only, progress)
+    run = _Run(
+        model, target, quant_tab, input_shapes, strict, fold, matmul_add_to_gemm, skip, only, progress,
+        subgraphs=subgraphs,
+    )
     run.run_tables()
     if output is not None:
         out = os.fspath(output)
@@ -464,7 +473,7 @@ def format_report(report: Dict[str, Any], verbose: bool = False) -> str:
         lines.append(f"{'rule':<{kw}}  {'fired':>7}" + (f"  {'ms':>9}" if verbose else ""))
         lines.append(f"{'-' * kw}  {'-' * 7}" + (f"  {'-' * 9}" if verbose else ""))
         for key, n in sorted(fired.items(), key=lambda kv: (-kv[1], kv[0])):
-            lines.append(f"{key:<{kw}}  {n:>7}" + (f"  {times.get(key, 0.0):>9.1f}" if verbose else ""))
+            lines.append(f"{key:<{kw}}  {n:>7}" + (f"  {times.get(key, 0.0):>9.3f}" if verbose else ""))
     else:
         lines.append("no rule fired")
     lines.append("")
@@ -472,6 +481,8 @@ def format_report(report: Dict[str, Any], verbose: bool = False) -> str:
         f"rewrites {report['rewrites']}, rule calls {report['attempts']}, "
         f"pruned nodes {report['pruned_nodes']}" + ("" if report["converged"] else ", stopped at the rewrite limit")
     )
+    if report["subgraph_nodes_removed"]:
+        lines.append(f"sub-graph bodies lost {report['subgraph_nodes_removed']} node(s) (not in the counts above)")
     if report["skip"] or report["only"]:
         lines.append(
             ("skipped: " + ", ".join(report["skip"]) if report["skip"] else "")

@@ -127,6 +127,12 @@ def _parser() -> argparse.ArgumentParser:
     p.add_argument(
         "--matmul-add-to-gemm", action="store_true", help="also fuse MatMul followed by a constant Add into Gemm"
     )
+    p.add_argument(
+        "--no-subgraphs",
+        dest="subgraphs",
+        action="store_false",
+        help="leave the bodies of If, Loop and Scan nodes as they are",
+    )
     p.add_argument("--list-rules", action="store_true", help="list the rule rows and exit")
     p.add_argument("--skip", nargs="+", action="extend", default=[], metavar="KEY", help="leave out these rule rows")
     p.add_argument("--only", nargs="+", action="extend", default=[], metavar="KEY", help="run only these rule rows")
@@ -346,6 +352,7 @@ def main(argv: Optional[List[str]] = None) -> int:
             args.only,
             progress=tell,
             keep=_KEEP_UNTIL_EXIT,
+            subgraphs=args.subgraphs,
         )
         tell.on = tell.on or (not args.quiet and run.report["nodes_before"] >= PROGRESS_NODES)
         run.run_tables()

@@ -566,3 +566,28 @@ TEST(OnnxIO, BareInputShapeNamesTheOneInput) {
   wrong.input_shapes["c"] = {2};
   EXPECT_NE(load_error(two.bytes(), wrong).find("not a graph input (graph inputs: a, b)"), std::string::npos);
 }
+
+// A branch body taken in as a graph of its own: the outer name it reads
+// becomes an input with the outer graph's type and shape, and goes again
+// when the body is written back.
+TEST(OnnxIO, SubgraphRoundTrip) {
+  ModelBuilder b = io_model({2, 3});
+  b.input("cond", TP::BOOL, Dims{});
+  onnx::GraphProto branch;
+  branch.set_name("then");
+  *branch.add_node() = make_node("Relu", {"x"}, {"o"}, "relu");
+  *branch.add_output() = make_vi("o", TP::FLOAT, Dims{2, 3});
+  b.node("If", {"cond"}, {"y"}, "if", {attr_g("then_branch", branch), attr_g("else_branch", branch)});
+  auto outer = load_model(b.bytes());
+  const std::string bytes = branch.SerializeAsString();
+  EXPECT_EQ(subgraph_outer_names(bytes), (std::vector<std::string>{"x"}));
+  auto body = load_subgraph(*outer, bytes);
+  EXPECT_TRUE(body->is_input("x"));
+  EXPECT_EQ(body->get_shape("x"), Shape({2, 3}));
+  onnx::GraphProto back;
+  ASSERT_TRUE(back.ParseFromString(save_subgraph(*body, bytes)));
+  EXPECT_EQ(back.name(), "then");
+  EXPECT_EQ(back.input_size(), 0);
+  ASSERT_EQ(back.node_size(), 1);
+  EXPECT_EQ(back.node(0).input(0), "x");
+}

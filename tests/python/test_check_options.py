@@ -147,8 +147,8 @@ class TestCheckFromCli:
         m = tmp_model(dynamic_model())
         np.save(tmp_path / "x.npy", np.ones((3, 6), np.float32))
         report = tmp_path / "r.json"
-        for spec in ("x:" + str(tmp_path / "x.npy"), str(tmp_path / "x.npy")):
-            args = [m, "-o", str(tmp_path / "o.onnx"), "--check", "1", "--check-input", spec, "--report", str(report)]
+        for given in ("x:" + str(tmp_path / "x.npy"), str(tmp_path / "x.npy")):
+            args = [m, "-o", str(tmp_path / "o.onnx"), "--check", "1", "--check-input", given, "--report", str(report)]
             assert cli.main(args) == 0
             assert json.loads(report.read_text())["check"]["input_shapes"] == {"x": [3, 6]}
 
