@@ -366,7 +366,8 @@ TEST(OnnxIO, LoadErrors) {
   auto* e = w->add_external_data();
   e->set_key("location");
   e->set_value("weights.bin");
-  add(b, "external tensor data is not supported: w");
+  add(b, "initializer w: its data is in an external file, and the model's folder is not known (load the model "
+         "from its path)");
   b = simple_model();
   b.g()->mutable_initializer(0)->set_raw_data("abc");
   add(b, "initializer w: holds 3 bytes, its shape needs 12");
@@ -392,8 +393,8 @@ TEST(OnnxIO, LoadErrors) {
   EXPECT_TRUE(cyc.rfind("graph has a cycle through node n", 0) == 0 && cyc.back() != '4') << cyc;
 
   const std::vector<std::pair<std::pair<std::string, Shape>, std::string>> shape_cases = {
-      {{"w", {3}}, "input_shapes names w, which is not a graph input"},
-      {{"nope", {3}}, "input_shapes names nope, which is not a graph input"},
+      {{"w", {3}}, "input_shapes names w, which is not a graph input (graph inputs: x)"},
+      {{"nope", {3}}, "input_shapes names nope, which is not a graph input (graph inputs: x)"},
       {{"x", {2, 3, 1}}, "input_shapes gives x rank 3, the model's input has rank 2"},
   };
   for (const auto& [given, msg] : shape_cases) {
