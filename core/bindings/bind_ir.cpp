@@ -3,6 +3,7 @@
 // registry), and node equality is identity. Connections written from Python go
 // through the graph's index exactly as a rule's writes do.
 #include <algorithm>
+#include <fstream>
 #include <functional>
 #include <stdexcept>
 
@@ -231,9 +232,11 @@ NodeList neighbours(const IR& ir, py::handle x, bool next) {
 }
 
 std::shared_ptr<IR> load(py::object model, py::object input_shapes, const std::string& target,
-                         bool infer) {
+                         bool infer, py::object external_data_dir) {
   LoadOptions opt;
   opt.infer_shapes = infer;
+  if (!external_data_dir.is_none())
+    opt.external_data_dir = py::module_::import("os").attr("fspath")(external_data_dir).cast<std::string>();
   if (!input_shapes.is_none()) {
     for (auto item : py::reinterpret_borrow<py::dict>(input_shapes))
       opt.input_shapes[text_of(item.first)] = to_shape(item.second);
@@ -244,7 +247,10 @@ std::shared_ptr<IR> load(py::object model, py::object input_shapes, const std::s
     py::gil_scoped_release nogil;
     ir = load_model(data, opt);
   } else if (py::isinstance<py::str>(model) || py::hasattr(model, "__fspath__")) {
-    const std::string path = py::module_::import("os").attr("fspath")(model).cast<std::string>();
+    py::module_ os = py::module_::import("os");
+    const std::string path = os.attr("fspath")(model).cast<std::string>();
+    if (opt.external_data_dir.empty())
+      opt.external_data_dir = os.attr("path").attr("dirname")(os.attr("path").attr("abspath")(path)).cast<std::string>();
     py::gil_scoped_release nogil;
     ir = load_model_file(path, opt);
   } else if (py::hasattr(model, "SerializeToString")) {
@@ -704,7 +710,7 @@ void init_ir(py::module& m) {
   // ---- the graph ----------------------------------------------------------------
   py::class_<IR, std::shared_ptr<IR>> ir(m, "IRGraph", "The IR graph that rules work on.");
   ir.def(py::init(&load), py::arg("model"), py::arg("input_shapes") = py::none(),
-         py::arg("target") = "npu_c", py::arg("infer_shapes") = true)
+         py::arg("target") = "npu_c", py::arg("infer_shapes") = true, py::arg("external_data_dir") = py::none())
       .def(py::init([]() { return std::make_shared<IR>(); }))
       // shapes and types
       .def("get_shape", [](const IR& g, const std::string& t) { return shape_or_none(g, t); }, py::arg("t"))
@@ -862,6 +868,38 @@ void init_ir(py::module& m) {
            "Applies one rule result as the driver does; `add` may hold onnx.NodeProto objects.")
       .def("to_bytes", [](const IR& g) { return py::bytes(save_model(g)); },
            "The graph as a serialized onnx.ModelProto.")
+      .def("save",
+           [](const IR& g, py::object path, py::object data_path, int64_t min_external_bytes) {
+             py::module_ os = py::module_::import("os");
+             const std::string out = os.attr("fspath")(path).cast<std::string>();
+             SaveOptions opt;
+             opt.min_external_bytes = min_external_bytes;
+             if (!data_path.is_none()) {
+               opt.data_path = os.attr("fspath")(data_path).cast<std::string>();
+               opt.data_location = os.attr("path").attr("basename")(data_path).cast<std::string>();
+             }
+             py::gil_scoped_release nogil;
+             const std::string bytes = save_model(g, opt);
+             std::ofstream f(out, std::ios::binary | std::ios::trunc);
+             if (!f || !f.write(bytes.data(), static_cast<std::streamsize>(bytes.size())) || !f.flush())
+               throw std::runtime_error("cannot write " + out);
+             return static_cast<int64_t>(bytes.size());
+           },
+           py::arg("path"), py::arg("data_path") = py::none(), py::arg("min_external_bytes") = 1024,
+           "Writes the model to `path`; with `data_path` (a file in the same folder), tensors of at\n"
+           "least `min_external_bytes` go to that file instead. Returns the model file's size.")
+      .def("constant_bytes", &constant_bytes, "Bytes of tensor data the constants hold.")
+      .def_property_readonly("load_info",
+                             [](const IR& g) {
+                               py::dict d;
+                               d["file_ops"] = py::cast(g.load_info.file_ops);
+                               d["constant_nodes"] = g.load_info.constant_nodes;
+                               d["external_tensors"] = g.load_info.external_tensors;
+                               d["external_bytes"] = g.load_info.external_bytes;
+                               return d;
+                             },
+                             "What the model file held before load: nodes by op type, Constant nodes\n"
+                             "taken in as constants, tensors and bytes read from external data files.")
       .def_property_readonly("model_shell", [](const IR& g) { return py::bytes(g.model_shell); });
 }
 

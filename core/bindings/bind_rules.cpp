@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <memory>
+#include <set>
 
 #include "bindings/bindings.h"
 #include "host/log.h"
@@ -202,7 +203,25 @@ py::dict stats_to_python(const IR& ir, const DriverStats& s) {
   d["converged"] = s.converged;
   d["rule_faults"] = py::cast(s.rule_faults);
   d["fold"] = fold_to_python(ir, s.fold);
+  d["rule_seconds"] = py::cast(s.rule_seconds);
+  d["rounds"] = s.rounds;
+  d["subgraph_nodes_removed"] = s.subgraph_nodes_removed;
   return d;
+}
+
+// A list of row keys from Python: a list, tuple or set of strings.
+std::set<std::string> row_keys(py::object keys, const char* what) {
+  std::set<std::string> out;
+  if (keys.is_none()) return out;
+  if (py::isinstance<py::str>(keys) || !py::hasattr(keys, "__iter__"))
+    throw py::type_error(std::string(what) + " must be a list of rule keys");
+  for (py::handle h : keys) {
+    if (!py::isinstance<py::str>(h))
+      throw py::type_error(std::string(what) + " must be a list of rule keys, got " + py::repr(h).cast<std::string>());
+    out.insert(h.cast<std::string>());
+  }
+  check_row_keys(out, what);
+  return out;
 }
 
 // The Python log sink lives in a heap object that is never freed: the logger
@@ -237,11 +256,40 @@ void init_rules(py::module& m) {
         },
         "Every rule procedure by name -> whether this build has it.");
 
+  m.def("rule_rows",
+        []() {
+          py::list out;
+          for (const char* name : {"cvt_reduce", "fuse_reduce"}) {
+            const auto& table = std::string(name) == "cvt_reduce" ? cvt_reduce() : fuse_reduce();
+            for (const Row& r : table) {
+              py::dict d;
+              d["key"] = r.key;
+              d["table"] = name;
+              d["ops"] = py::cast(r.ops);
+              d["proc"] = r.proc_name;
+              d["available"] = r.proc != nullptr;
+              out.append(d);
+            }
+          }
+          return out;
+        },
+        "Every table row in the order the driver tries them (cvt_reduce first): key, table,\n"
+        "ops, procedure name and whether this build has the procedure.");
   m.def("run_reduce",
         [](IR& ir, py::object quant_tab, int64_t max_rewrites, bool prune, bool strict, bool fold,
-           bool matmul_add_to_gemm, int64_t fold_max_bytes) {
-          QuantBridge q(quant_tab);
+           bool matmul_add_to_gemm, int64_t fold_max_bytes, py::object skip, py::object only,
+           py::object progress, bool subgraphs) {
           DriverOptions opt;
+          opt.subgraphs = subgraphs;
+          opt.skip = row_keys(skip, "skip");
+          opt.only = row_keys(only, "only");
+          if (!progress.is_none()) {
+            opt.progress = [progress](const std::string& what) {
+              py::gil_scoped_acquire gil;
+              progress(what);
+            };
+          }
+          QuantBridge q(quant_tab);
           opt.max_rewrites = max_rewrites;
           opt.prune = prune;
           opt.strict = strict;
@@ -257,8 +305,12 @@ void init_rules(py::module& m) {
         },
         py::arg("ir"), py::arg("quant_tab") = py::none(), py::arg("max_rewrites") = 0,
         py::arg("prune") = true, py::arg("strict") = false, py::arg("fold") = true,
-        py::arg("matmul_add_to_gemm") = false, py::arg("fold_max_bytes") = -1,
+        py::arg("matmul_add_to_gemm") = false, py::arg("fold_max_bytes") = -1, py::arg("skip") = py::none(),
+        py::arg("only") = py::none(), py::arg("progress") = py::none(), py::arg("subgraphs") = true,
         "Runs cvt_reduce then fuse_reduce until nothing applies; returns the statistics.\n"
+        "skip: row keys to leave out; only: when given, the only row keys to run (unknown keys\n"
+        "raise ValueError); progress: called with a line of text after the fold pass and each round;\n"
+        "subgraphs: also reduce the bodies of If, Loop and Scan nodes.\n"
         "strict: a rule that throws, or edits the graph and then does not apply, raises\n"
         "RuleError instead of being undone and reported in 'rule_faults'.\n"
         "fold: fold constants and apply the standard fusions, before the tables and\n"

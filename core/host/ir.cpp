@@ -319,7 +319,7 @@ const NDArray* IR::get_const_optional(const Node& node, size_t i) const {
   return get_const(node.input[i]);
 }
 
-void IR::set_const(const std::string& t, const NDArray& value) {
+void IR::set_const(const std::string& t, NDArray value) {
   auto it = consts_.find(t);
   if (recording_) {
     record_tensor(t);  // replayed after the constant itself is put back
@@ -328,17 +328,19 @@ void IR::set_const(const std::string& t, const NDArray& value) {
     if (it != consts_.end()) r.value = std::move(it->second);
     undo_.push_back(std::move(r));
   }
+  Shape shape = value.shape();
+  const int32_t dtype = value.dtype();
   if (it == consts_.end()) {
-    consts_.emplace(t, value);
+    consts_.emplace(t, std::move(value));
     const_order.push_back(t);
   } else {
-    it->second = value;
+    it->second = std::move(value);
   }
   TensorInfo& ti = info(t);
   ti.constant = true;
-  ti.shape = value.shape();
+  ti.shape = std::move(shape);
   ti.has_shape = true;
-  ti.dtype = value.dtype();
+  ti.dtype = dtype;
   if (journal_on_) {
     // Its value changed: every reader may now match differently.
     for (const auto& u : ti.uses) touch(u.first);

@@ -254,7 +254,7 @@ class IR {
   const NDArray* get_const(const std::string& t) const;
   // Value of input i of the node: null if the input is missing or no constant.
   const NDArray* get_const_optional(const Node& node, size_t i) const;
-  void set_const(const std::string& t, const NDArray& value);
+  void set_const(const std::string& t, NDArray value);
   bool is_const(const std::string& t) const {
     const TensorInfo* ti = tensors_.find(t);
     return ti && ti->constant;
@@ -375,6 +375,17 @@ class IR {
   std::string model_shell;
   std::map<std::string, std::string> io_value_info;  // name -> serialized ValueInfoProto
   std::vector<std::string> const_order;              // initializer order for save
+
+  // What the model file held before load took it in: the nodes by op type,
+  // the Constant nodes that became constants, and the tensor data read from
+  // files beside the model.
+  struct LoadInfo {
+    std::map<std::string, int64_t> file_ops;
+    int64_t constant_nodes = 0;
+    int64_t external_tensors = 0;
+    int64_t external_bytes = 0;
+  };
+  LoadInfo load_info;
 
  private:
   friend class PortList;

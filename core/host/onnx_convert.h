@@ -3,6 +3,9 @@
 // library's interface; include only from .cpp files.
 #pragma once
 
+#include <fstream>
+#include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -14,10 +17,28 @@
 namespace tolm {
 namespace onnx_convert {
 
-// Decodes a TensorProto (raw_data or the typed fields). Returns an empty
-// string on success, else why it cannot be decoded (external data, element
-// type, size mismatch). `out` is untouched on failure.
-std::string tensor_from_proto(const onnx::TensorProto& tp, NDArray& out);
+// Reads tensor data that a model keeps in files beside it. Locations are
+// relative to `dir` and may not leave it; each file is opened once.
+class ExternalDataReader {
+ public:
+  explicit ExternalDataReader(std::string dir) : dir_(std::move(dir)) {}
+  // Fills `raw` (already sized to the tensor's bytes) from the tensor's
+  // location; returns an empty string, else why it cannot.
+  std::string read(const onnx::TensorProto& tp, std::vector<uint8_t>& raw);
+  int64_t tensors = 0;
+  int64_t bytes = 0;
+
+ private:
+  std::string dir_;
+  std::map<std::string, std::unique_ptr<std::ifstream>> files_;
+};
+
+// Decodes a TensorProto (raw_data, the typed fields, or with `external` the
+// data file it names). Returns an empty string on success, else why it
+// cannot be decoded (external data without a reader, element type, size
+// mismatch). `out` is untouched on failure.
+std::string tensor_from_proto(const onnx::TensorProto& tp, NDArray& out,
+                              ExternalDataReader* external = nullptr);
 // Encodes an array as TensorProto: raw_data, or string_data for strings.
 void tensor_to_proto(const NDArray& a, const std::string& name, onnx::TensorProto* tp);
 
@@ -37,7 +58,7 @@ void free_names(const onnx::GraphProto& g, std::vector<std::string>& out);
 std::vector<std::string> implicit_inputs_of(const onnx::NodeProto& n);
 // The value of a Constant node, if it can be held as a constant (false for
 // sparse values and attribute references).
-bool constant_value(const onnx::NodeProto& n, NDArray& out);
+bool constant_value(const onnx::NodeProto& n, NDArray& out, ExternalDataReader* external = nullptr);
 
 }  // namespace onnx_convert
 }  // namespace tolm

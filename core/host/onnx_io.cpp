@@ -43,13 +43,99 @@ void copy_cast(const Src& values, std::vector<uint8_t>& raw) {
 
 }  // namespace
 
-std::string tensor_from_proto(const onnx::TensorProto& tp, NDArray& out) {
-  if (has_external_data(tp)) return "external data";
+namespace {
+
+bool parse_count(const std::string& text, int64_t& out) {
+  if (text.empty() || text.size() > 18) return false;
+  int64_t v = 0;
+  for (char c : text) {
+    if (c < '0' || c > '9') return false;
+    v = v * 10 + (c - '0');
+  }
+  out = v;
+  return true;
+}
+
+// A location inside the model's folder: relative, and no step out of it.
+bool inside_folder(const std::string& location) {
+  if (location.empty() || location[0] == '/' || location[0] == '\\') return false;
+  size_t start = 0;
+  while (start <= location.size()) {
+    size_t end = location.find_first_of("/\\", start);
+    if (end == std::string::npos) end = location.size();
+    if (location.compare(start, end - start, "..") == 0 && end - start == 2) return false;
+    start = end + 1;
+  }
+  return true;
+}
+
+}  // namespace
+
+std::string ExternalDataReader::read(const onnx::TensorProto& tp, std::vector<uint8_t>& raw) {
+  std::string location;
+  int64_t offset = 0, length = -1;
+  for (const auto& e : tp.external_data()) {
+    if (e.key() == "location") {
+      location = e.value();
+    } else if (e.key() == "offset" || e.key() == "length") {
+      int64_t v = 0;
+      if (!parse_count(e.value(), v)) return "external data " + e.key() + " '" + e.value() + "' is not a byte count";
+      (e.key() == "offset" ? offset : length) = v;
+    }
+  }
+  if (location.empty()) return "external data without a location";
+  if (!inside_folder(location))
+    return "external data location '" + location + "' is not inside the model's folder";
+  const int64_t need = static_cast<int64_t>(raw.size());
+  if (length >= 0 && length != need)
+    return "external data length " + std::to_string(length) + ", its shape needs " + std::to_string(need) +
+           " bytes";
+  std::unique_ptr<std::ifstream>& f = files_[location];
+  const std::string path = dir_ + "/" + location;
+  if (!f) {
+    f = std::make_unique<std::ifstream>(path, std::ios::binary);
+    if (!*f) {
+      files_.erase(location);
+      return "cannot open its external data file " + path;
+    }
+  }
+  f->clear();
+  f->seekg(0, std::ios::end);
+  const int64_t size = static_cast<int64_t>(f->tellg());
+  if (size < 0 || offset + need > size)
+    return "external data file " + location + " holds " + std::to_string(size) + " bytes, the tensor needs bytes " +
+           std::to_string(offset) + " to " + std::to_string(offset + need);
+  f->seekg(offset, std::ios::beg);
+  // In pieces: one read of several GB is more than some stream buffers take.
+  constexpr int64_t kPiece = int64_t(1) << 28;
+  for (int64_t done = 0; done < need; done += kPiece) {
+    const int64_t n = std::min(kPiece, need - done);
+    if (!f->read(reinterpret_cast<char*>(raw.data()) + done, static_cast<std::streamsize>(n)))
+      return "cannot read external data file " + path;
+  }
+  ++tensors;
+  bytes += need;
+  return "";
+}
+
+std::string tensor_from_proto(const onnx::TensorProto& tp, NDArray& out, ExternalDataReader* external) {
   Shape shape(tp.dims().begin(), tp.dims().end());
   for (int64_t d : shape)
     if (d < 0) return "negative dimension " + std::to_string(d);
   const int64_t n = shape_size(shape);
   const int32_t dtype = tp.data_type();
+  if (has_external_data(tp)) {
+    if (!external)
+      return "its data is in an external file, and the model's folder is not known (load the model from its path)";
+    if (dtype == dt::STRING) return "string data in an external file is not supported";
+    const size_t es = dtype_size(dtype);
+    if (es == 0) return "unsupported element type " + std::to_string(dtype);
+    std::vector<uint8_t> raw(static_cast<size_t>(n) * es);
+    const std::string why = external->read(tp, raw);
+    if (!why.empty()) return why;
+    out = NDArray(dtype, std::move(shape), std::move(raw));
+    return "";
+  }
   if (dtype == dt::STRING) {
     if (tp.string_data_size() != n)
       return "holds " + std::to_string(tp.string_data_size()) + " strings, its shape needs " +
@@ -248,12 +334,12 @@ std::vector<std::string> implicit_inputs_of(const onnx::NodeProto& n) {
 }
 
 // The value of a Constant node, if it can be held as a constant.
-bool constant_value(const onnx::NodeProto& n, NDArray& out) {
+bool constant_value(const onnx::NodeProto& n, NDArray& out, ExternalDataReader* external) {
   if (n.attribute_size() != 1) return false;
   const auto& a = n.attribute(0);
   if (!a.ref_attr_name().empty()) return false;
   const std::string& k = a.name();
-  if (k == "value") return a.has_t() && tensor_from_proto(a.t(), out).empty();
+  if (k == "value") return a.has_t() && tensor_from_proto(a.t(), out, external).empty();
   if (k == "value_float") {
     out = NDArray::scalar_f64(a.f(), dt::FLOAT);
     return true;
@@ -400,7 +486,8 @@ void check_acyclic(const onnx::GraphProto& g, const std::vector<std::vector<int>
 std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& options) {
   if (bytes.empty()) throw LoadError("not an ONNX model: the input is empty");
   if (bytes.size() > static_cast<size_t>(INT_MAX))
-    throw LoadError("not an ONNX model: larger than 2 GB, the protobuf limit (external data is not supported)");
+    throw LoadError("not an ONNX model: larger than 2 GB, the protobuf limit (a model this large keeps its "
+                    "tensor data in an external file)");
   google::protobuf::Arena arena;
   auto* model = google::protobuf::Arena::CreateMessage<onnx::ModelProto>(&arena);
   if (!model->ParseFromString(bytes))
@@ -451,11 +538,26 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
     if (init_names.count(vi.name())) continue;  // an initializer listed as input (old models)
     input_vi.emplace(vi.name(), &vi);
   }
+  std::string input_list;
+  for (const auto& vi : g.input())
+    if (!init_names.count(vi.name())) input_list += (input_list.empty() ? "" : ", ") + vi.name();
+  // Dimensions given without a name belong to the model's one graph input.
+  std::map<std::string, Shape> input_shapes = options.input_shapes;
+  auto bare = input_shapes.find("");
+  if (bare != input_shapes.end()) {
+    if (input_vi.size() != 1)
+      throw LoadError("input_shapes gives dimensions without an input name, and the model has " +
+                      std::to_string(input_vi.size()) + " graph inputs (" + input_list + "): name the input");
+    Shape dims = std::move(bare->second);
+    input_shapes.erase(bare);
+    input_shapes[input_vi.begin()->first] = std::move(dims);
+  }
   bool overrides_conflict = false;
-  for (const auto& [name, shape] : options.input_shapes) {
+  for (const auto& [name, shape] : input_shapes) {
     auto it = input_vi.find(name);
     if (it == input_vi.end())
-      throw LoadError("input_shapes names " + name + ", which is not a graph input");
+      throw LoadError("input_shapes names " + name + ", which is not a graph input (graph inputs: " + input_list +
+                      ")");
     for (int64_t d : shape)
       if (d < 0) throw LoadError("input_shapes gives " + name + " a negative dimension");
     const onnx::TypeProto& type = it->second->type();
@@ -503,18 +605,23 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
     if (init_names.count(vi.name())) continue;
     ir.add_graph_input(vi.name());
     ir.io_value_info[vi.name()] = vi.SerializeAsString();
-    auto ov = options.input_shapes.find(vi.name());
-    apply_type(ir, vi.name(), vi.type(), ov == options.input_shapes.end());
-    if (ov != options.input_shapes.end()) ir.set_shape(vi.name(), ov->second, false);
+    auto ov = input_shapes.find(vi.name());
+    apply_type(ir, vi.name(), vi.type(), ov == input_shapes.end());
+    if (ov != input_shapes.end()) ir.set_shape(vi.name(), ov->second, false);
   }
 
   // ---- initializers
-  for (const auto& tp : g.initializer()) {
-    if (has_external_data(tp)) throw LoadError("external tensor data is not supported: " + tp.name());
+  std::unique_ptr<ExternalDataReader> external;
+  if (!options.external_data_dir.empty())
+    external = std::make_unique<ExternalDataReader>(options.external_data_dir);
+  for (auto& tp : *g.mutable_initializer()) {
     NDArray a;
-    const std::string why = tensor_from_proto(tp, a);
+    const std::string why = tensor_from_proto(tp, a, external.get());
     if (!why.empty()) throw LoadError("initializer " + tp.name() + ": " + why);
-    ir.set_const(tp.name(), a);
+    // The data lives on in the array: the message's copy goes now, so that a
+    // large model is not held twice while the rest loads.
+    tp.clear_raw_data();
+    ir.set_const(tp.name(), std::move(a));
   }
   for (const auto& sp : g.sparse_initializer()) ir.set_const(sp.values().name(), densify(sp));
 
@@ -553,13 +660,16 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
     given_names.emplace(made_names.emplace_back(cand), true);
     return cand;
   };
+  IR::LoadInfo& info = ir.load_info;
   for (int i = 0; i < n_nodes; ++i) {
     const onnx::NodeProto& np = g.node(i);
+    ++info.file_ops[np.op_type()];
     if (np.op_type() == "Constant" && is_default_domain(np.domain()) && np.output_size() == 1 &&
         !np.output(0).empty() && !ir.is_output(np.output(0))) {
       NDArray v;
-      if (constant_value(np, v)) {
+      if (constant_value(np, v, external.get())) {
         ir.set_const(np.output(0), v);
+        ++info.constant_nodes;
         continue;
       }
     }
@@ -612,6 +722,11 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
   } else {
     // A file whose nodes come in a valid order is taken at its word: no sort.
     ir.trust_insertion_order();
+  }
+
+  if (external) {
+    info.external_tensors = external->tensors;
+    info.external_bytes = external->bytes;
   }
 
   // ---- the shell: everything but the graph body
@@ -674,7 +789,59 @@ void make_value_info(const IR& ir, const std::string& name, onnx::ValueInfoProto
 
 }  // namespace
 
-std::string save_model(const IR& ir) {
+int64_t constant_bytes(const IR& ir) {
+  int64_t total = 0;
+  for (const auto& kv : ir.consts()) total += static_cast<int64_t>(kv.second.raw().size());
+  return total;
+}
+
+namespace {
+
+// Writes tensor data to the file beside the model, one tensor after the
+// other, straight from the arrays: no copy into a message on the way.
+class ExternalDataWriter {
+ public:
+  explicit ExternalDataWriter(const SaveOptions& o) : opt_(o) {}
+  bool wants(const NDArray& a) const {
+    return !opt_.data_path.empty() && a.dtype() != dt::STRING &&
+           static_cast<int64_t>(a.raw().size()) >= opt_.min_external_bytes;
+  }
+  void write(const NDArray& a, const std::string& name, onnx::TensorProto* tp) {
+    if (!out_.is_open()) {
+      out_.open(opt_.data_path, std::ios::binary | std::ios::trunc);
+      if (!out_) throw std::runtime_error("cannot write the external data file " + opt_.data_path);
+    }
+    tp->set_name(name);
+    tp->set_data_type(a.dtype());
+    for (int64_t d : a.shape()) tp->add_dims(d);
+    tp->set_data_location(onnx::TensorProto::EXTERNAL);
+    auto entry = [&](const char* key, const std::string& value) {
+      auto* e = tp->add_external_data();
+      e->set_key(key);
+      e->set_value(value);
+    };
+    const int64_t n = static_cast<int64_t>(a.raw().size());
+    entry("location", opt_.data_location);
+    entry("offset", std::to_string(offset_));
+    entry("length", std::to_string(n));
+    if (n > 0 && !out_.write(reinterpret_cast<const char*>(a.raw().data()), static_cast<std::streamsize>(n)))
+      throw std::runtime_error("cannot write the external data file " + opt_.data_path);
+    offset_ += n;
+  }
+  void finish() {
+    if (out_.is_open() && !out_.flush())
+      throw std::runtime_error("cannot write the external data file " + opt_.data_path);
+  }
+
+ private:
+  const SaveOptions& opt_;
+  std::ofstream out_;
+  int64_t offset_ = 0;
+};
+
+}  // namespace
+
+std::string save_model(const IR& ir, const SaveOptions& options) {
   google::protobuf::Arena arena;
   auto* model = google::protobuf::Arena::CreateMessage<onnx::ModelProto>(&arena);
   if (!ir.model_shell.empty()) {
@@ -740,6 +907,7 @@ std::string save_model(const IR& ir) {
 
   // ---- initializers, in const_order (every constant is listed there)
   FlatNameMap<bool> emitted(used_consts.size());
+  ExternalDataWriter external(options);
   g->mutable_initializer()->Reserve(static_cast<int>(used_consts.size()));
   for (const auto& t : ir.const_order) {
     if (!used_consts.contains(t) || emitted.contains(t)) continue;
@@ -748,8 +916,10 @@ std::string save_model(const IR& ir) {
     const NDArray* a = ir.get_const(t);
     if (!a) continue;
     emitted.emplace(t, true);
-    tensor_to_proto(*a, t, g->add_initializer());
+    if (external.wants(*a)) external.write(*a, t, g->add_initializer());
+    else tensor_to_proto(*a, t, g->add_initializer());
   }
+  external.finish();
 
   // ---- graph inputs: the model's records in the model's order
   std::vector<onnx::ValueInfoProto> old_inputs(g->input().begin(), g->input().end());
@@ -826,10 +996,73 @@ std::string save_model(const IR& ir) {
     }
   }
 
+  if (model->ByteSizeLong() > static_cast<size_t>(kMaxModelBytes))
+    throw std::runtime_error(
+        "the model is larger than 2 GB, the protobuf limit: write its tensor data to an external file");
   std::string out;
-  if (!model->SerializeToString(&out))
-    throw std::runtime_error("save_model: the model does not serialize (larger than 2 GB?)");
+  if (!model->SerializeToString(&out)) throw std::runtime_error("save_model: the model does not serialize");
   return out;
+}
+
+// ============================================================ sub-graphs
+
+std::vector<std::string> subgraph_outer_names(const std::string& graph_bytes) {
+  onnx::GraphProto g;
+  if (!g.ParseFromString(graph_bytes)) throw LoadError("sub-graph does not parse");
+  std::vector<std::string> out;
+  free_names(g, out);
+  return out;
+}
+
+std::unique_ptr<IR> load_subgraph(const IR& outer, const std::string& graph_bytes) {
+  onnx::ModelProto model;
+  if (!outer.model_shell.empty() && !model.ParseFromString(outer.model_shell))
+    throw LoadError("model shell is corrupt");
+  if (model.ir_version() <= 0) model.set_ir_version(8);
+  bool have_opset = false;
+  for (auto& op : *model.mutable_opset_import())
+    if (is_default_domain(op.domain())) {
+      op.set_version(outer.opset());
+      have_opset = true;
+    }
+  if (!have_opset) {
+    auto* op = model.add_opset_import();
+    op->set_domain("");
+    op->set_version(outer.opset());
+  }
+  onnx::GraphProto* g = model.mutable_graph();
+  if (!g->ParseFromString(graph_bytes)) throw LoadError("sub-graph does not parse");
+  std::vector<std::string> outer_names;
+  free_names(*g, outer_names);
+  for (const auto& name : outer_names) {
+    const int32_t dtype = outer.get_dtype(name);
+    if (dtype == dt::UNDEFINED) throw LoadError("sub-graph reads " + name + ", whose type the outer graph does not know");
+    onnx::ValueInfoProto* vi = g->add_input();
+    vi->set_name(name);
+    auto* tt = vi->mutable_type()->mutable_tensor_type();
+    tt->set_elem_type(dtype);
+    if (outer.has_shape(name)) {
+      auto* sh = tt->mutable_shape();
+      for (int64_t d : outer.get_shape(name)) sh->add_dim()->set_dim_value(d);
+    }
+  }
+  return load_model(model.SerializeAsString());
+}
+
+std::string save_subgraph(const IR& body, const std::string& original_graph_bytes) {
+  onnx::GraphProto original;
+  if (!original.ParseFromString(original_graph_bytes)) throw std::runtime_error("sub-graph does not parse");
+  onnx::ModelProto model;
+  if (!model.ParseFromString(save_model(body))) throw std::runtime_error("sub-graph does not serialize");
+  onnx::GraphProto* g = model.mutable_graph();
+  std::unordered_set<std::string> own;
+  for (const auto& vi : original.input()) own.insert(vi.name());
+  auto* inputs = g->mutable_input();
+  for (int i = inputs->size() - 1; i >= 0; --i)
+    if (!own.count(inputs->Get(i).name())) inputs->DeleteSubrange(i, 1);
+  g->set_name(original.name());
+  if (!original.doc_string().empty()) g->set_doc_string(original.doc_string());
+  return g->SerializeAsString();
 }
 
 }  // namespace tolm

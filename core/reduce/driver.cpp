@@ -1,6 +1,7 @@
 #include "reduce/driver.h"
 
 #include <algorithm>
+#include <chrono>
 #include <deque>
 #include <unordered_map>
 #include <unordered_set>
@@ -8,6 +9,7 @@
 #include "host/log.h"
 #include "host/shape_infer.h"
 #include "layout/broadcast_rank.h"
+#include "reduce/subgraphs.h"
 
 namespace tolm {
 
@@ -71,10 +73,10 @@ struct TableIndex {
   // node of a chain, or the sink (last node) of an `n_pre_nodes` pattern.
   std::unordered_map<std::string, std::vector<size_t>> regular, limited;
 
-  explicit TableIndex(const std::vector<Row>& table) : rows(&table) {
+  TableIndex(const std::vector<Row>& table, const DriverOptions& opt) : rows(&table) {
     for (size_t i = 0; i < table.size(); ++i) {
       const Row& r = table[i];
-      if (!r.proc) continue;
+      if (!r.proc || opt.skip.count(r.key) || (!opt.only.empty() && !opt.only.count(r.key))) continue;
       const std::string& anchor = r.n_pre_nodes.empty() ? r.ops.front() : r.ops.back();
       (r.has_limit ? limited : regular)[anchor].push_back(i);
     }
@@ -141,8 +143,8 @@ std::string fault_text(const Row& row, const NodeList& nodes, const std::string&
 
 class Matcher {
  public:
-  Matcher(IR& ir, const Row& row, QuantTable* qt, DriverStats& stats, bool strict)
-      : ir_(ir), row_(row), qt_(qt), stats_(stats), strict_(strict) {}
+  Matcher(IR& ir, const Row& row, QuantTable* qt, DriverStats& stats, bool strict, double* seconds = nullptr)
+      : ir_(ir), row_(row), qt_(qt), stats_(stats), strict_(strict), seconds_(seconds) {}
 
   // Offers the row's matches anchored at `anchor` to its procedure until one
   // applies. Returns the applied result, or an empty one.
@@ -164,6 +166,15 @@ class Matcher {
     ++tries_;
     ++stats_.attempts;
     ir_.begin_edit();
+    const auto t0 = std::chrono::steady_clock::now();
+    // The procedure's own time, whichever way it ends.
+    struct Clock {
+      double* into;
+      std::chrono::steady_clock::time_point t0;
+      ~Clock() {
+        if (into) *into += std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+      }
+    } clock{seconds_, t0};
     try {
       result_ = row_.proc(ir_, nodes, qt_);
     } catch (const RuleError&) {
@@ -271,6 +282,7 @@ class Matcher {
   QuantTable* qt_;
   DriverStats& stats_;
   bool strict_;
+  double* seconds_;
   RuleResult result_;
   int tries_ = 0;
 };
@@ -279,8 +291,10 @@ class Driver {
  public:
   Driver(IR& ir, const std::vector<Row>& first, const std::vector<Row>& second, QuantTable* qt,
          const DriverOptions& opt)
-      : ir_(ir), qt_(qt), cvt_(first), fuse_(second), strict_(opt.strict),
+      : ir_(ir), qt_(qt), cvt_(first, opt), fuse_(second, opt), strict_(opt.strict),
         fold_(opt.fold ? &opt.fold_options : nullptr) {
+    cvt_seconds_.assign(first.size(), 0.0);
+    fuse_seconds_.assign(second.size(), 0.0);
     budget_ = opt.max_rewrites > 0 ? opt.max_rewrites
                                    : 20 * static_cast<int64_t>(ir.node_count()) + 10000;
     // Which worklists a node of each op type belongs on: one that no row
@@ -314,6 +328,12 @@ class Driver {
     ir_.take_touched();
     ir_.take_released();
     ir_.set_journal(false);
+    auto add_times = [&](const TableIndex& t, const std::vector<double>& secs) {
+      for (size_t i = 0; i < secs.size(); ++i)
+        if (secs[i] > 0) stats_.rule_seconds[(*t.rows)[i].key] += secs[i];
+    };
+    add_times(cvt_, cvt_seconds_);
+    add_times(fuse_, fuse_seconds_);
     return stats_;
   }
 
@@ -413,7 +433,8 @@ class Driver {
         if (*fired >= kLimitFiresPerAnchor) continue;
       }
       const size_t faults_before = stats_.rule_faults.size();
-      RuleResult res = Matcher(ir_, row, qt_, stats_, strict_).run(n);
+      double* secs = &(&table == &fuse_ ? fuse_seconds_ : cvt_seconds_)[r];
+      RuleResult res = Matcher(ir_, row, qt_, stats_, strict_, secs).run(n);
       if (res.applied() && !commit(row, res)) res = {};
       if (stats_.rule_faults.size() != faults_before) faulted_.insert(row_at);
       if (!res.applied()) continue;
@@ -497,6 +518,7 @@ class Driver {
   std::unordered_map<std::string, uint8_t> lists_of_op_;
   PauseIndex pauses_;
   DriverStats stats_;
+  std::vector<double> cvt_seconds_, fuse_seconds_;  // by row position
   int64_t budget_;
   bool strict_;
   const FoldOptions* fold_;
@@ -612,12 +634,24 @@ DriverStats run_tables(IR& ir, const std::vector<Row>& first, const std::vector<
   const int64_t budget = options.max_rewrites > 0
                              ? options.max_rewrites
                              : 20 * static_cast<int64_t>(ir.node_count()) + 10000;
+  auto tell = [&](const std::string& what) {
+    if (options.progress) options.progress(what);
+  };
+  // What the bodies of sub-graphs did, added in at the end: their rewrites
+  // do not count against this graph's budget.
+  DriverStats inner;
   for (int round = 0;; ++round) {
     int64_t changed = 0;
     if (round == 0 && options.fold) {
       const FoldStats folded = fold_graph(ir, options.fold_options);
       total.fold.add(folded);
       changed += folded.steps;
+      tell("fold pass: " + std::to_string(folded.removed_nodes) + " node(s) folded away");
+    }
+    if (round == 0 && options.subgraphs) {
+      const int64_t bodies = reduce_subgraphs(ir, quant_tab, options, inner);
+      changed += bodies;
+      if (bodies > 0) tell("sub-graphs: " + std::to_string(bodies) + " node(s) with reduced bodies");
     }
     if (round == 0) changed += make_reshape_shapes_explicit(ir);
     changed += make_broadcast_ranks_explicit(ir);  // each round: rules may leave new ones
@@ -633,6 +667,10 @@ DriverStats run_tables(IR& ir, const std::vector<Row>& first, const std::vector<
     opt.max_rewrites = std::max<int64_t>(1, budget - total.rewrites);
     const DriverStats s = Driver(ir, first, second, quant_tab, opt).run();
     for (const auto& kv : s.fired) total.fired[kv.first] += kv.second;
+    for (const auto& kv : s.rule_seconds) total.rule_seconds[kv.first] += kv.second;
+    ++total.rounds;
+    tell("round " + std::to_string(round + 1) + " of the tables: " + std::to_string(s.rewrites) + " rewrite(s), " +
+         std::to_string(ir.node_count()) + " nodes");
     total.rewrites += s.rewrites;
     total.attempts += s.attempts;
     total.pruned_nodes += s.pruned_nodes;
@@ -656,7 +694,24 @@ DriverStats run_tables(IR& ir, const std::vector<Row>& first, const std::vector<
       break;
     }
   }
+  for (const auto& kv : inner.fired) total.fired[kv.first] += kv.second;
+  for (const auto& kv : inner.rule_seconds) total.rule_seconds[kv.first] += kv.second;
+  total.rewrites += inner.rewrites;
+  total.attempts += inner.attempts;
+  total.rule_faults.insert(total.rule_faults.end(), inner.rule_faults.begin(), inner.rule_faults.end());
+  total.fold.add(inner.fold);
+  total.subgraph_nodes_removed += inner.subgraph_nodes_removed;
   return total;
+}
+
+void check_row_keys(const std::set<std::string>& keys, const char* what) {
+  for (const auto& k : keys) {
+    bool found = false;
+    for (const auto* table : {&cvt_reduce(), &fuse_reduce()})
+      for (const auto& r : *table)
+        if (r.key == k) found = true;
+    if (!found) throw std::invalid_argument(std::string(what) + ": no rule has the key '" + k + "'");
+  }
 }
 
 DriverStats run_reduce(IR& ir, QuantTable* quant_tab, const DriverOptions& options) {

@@ -4,7 +4,9 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
+#include <set>
 #include <stdexcept>
 #include <vector>
 #include <string>
@@ -25,6 +27,16 @@ struct DriverOptions {
   // before the tables, then at every node the driver takes up.
   bool fold = true;
   FoldOptions fold_options;
+  // Row keys the driver leaves out, and, when not empty, the only ones it
+  // runs. Keys are checked against the tables by check_row_keys.
+  // Reduce the bodies of If, Loop and Scan nodes too, each as a graph of its
+  // own whose outer-scope names are inputs.
+  bool subgraphs = true;
+  std::set<std::string> skip;
+  std::set<std::string> only;
+  // Told after the fold pass and after each round of the tables, with what
+  // was done; for a progress line on large models.
+  std::function<void(const std::string& phase)> progress;
   // A rule that edits the graph and then says it does not apply, or that
   // throws, is a bug. Strict: the driver throws RuleError. Otherwise the
   // graph is put back as it was, the fault is logged and reported, and the
@@ -51,7 +63,14 @@ struct DriverStats {
   // each (row key, node, what happened); each was undone.
   std::vector<std::string> rule_faults;
   FoldStats fold;
+  std::map<std::string, double> rule_seconds;  // row key -> time in its procedure
+  int64_t rounds = 0;
+  int64_t subgraph_nodes_removed = 0;  // nodes the bodies of sub-graphs lost
 };
+
+// Throws std::invalid_argument naming a key of `keys` that no row of the
+// tables has.
+void check_row_keys(const std::set<std::string>& keys, const char* what);
 
 // Runs cvt_reduce then fuse_reduce, repeated until neither applies.
 DriverStats run_reduce(IR& ir, QuantTable* quant_tab, const DriverOptions& options = {});

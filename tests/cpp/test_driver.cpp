@@ -2,6 +2,8 @@
 // dead-branch pruning, convergence, determinism and its guarantees to end.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "graph_dsl.h"
 #include "host/builder.h"
 #include "host/onnx_io.h"
@@ -269,6 +271,32 @@ TEST(Driver, ZeroInAReshapeTargetSurvivesFusingThePair) {
   ASSERT_NE(rs, nullptr);
   EXPECT_EQ(rs->input[0], "x");
   EXPECT_EQ(t.ir.get_const(rs->input[1])->to_i64(), (ints{1, 40, 3, 8, 15}));
+}
+
+// Rows can be left out, or picked alone, by key; the driver runs no other.
+TEST(Driver, SkipAndOnlyChooseTheRows) {
+  auto op_count = [](const IR& ir, const std::string& op) {
+    const names ops = op_types(ir);
+    return std::count(ops.begin(), ops.end(), op);
+  };
+  DriverOptions skip;
+  skip.skip = {"bypass_two_reshape", "fuse_two_reshape", "remove_parallel_reshape", "remove_invalid_reshape",
+               "convert_reshape_to_transpose", "bypass_two_transpose", "fuse_two_transpose"};
+  TestGraph a = redundant_chain();
+  DriverStats s = run_reduce(a.ir, nullptr, skip);
+  for (const auto& key : skip.skip) EXPECT_EQ(s.fired.count(key), 0u) << key;
+  EXPECT_GT(op_count(a.ir, "Reshape"), 0);  // without them the chain does not reduce to Relu, Sigmoid
+
+  DriverOptions only;
+  only.only = {"remove_invalid_reshape"};
+  TestGraph b = redundant_chain();
+  s = run_reduce(b.ir, nullptr, only);
+  EXPECT_EQ(s.fired, (std::map<std::string, int64_t>{{"remove_invalid_reshape", 1}}));
+  EXPECT_EQ(op_count(b.ir, "Transpose"), 2);
+  EXPECT_GT(s.rule_seconds.count("remove_invalid_reshape"), 0u);
+
+  EXPECT_THROW(check_row_keys({"no_such_rule"}, "skip"), std::invalid_argument);
+  EXPECT_NO_THROW(check_row_keys({"fuse_two_reshape", "convert_squeeze_to_reshape"}, "only"));
 }
 
 }  // namespace

@@ -366,7 +366,8 @@ TEST(OnnxIO, LoadErrors) {
   auto* e = w->add_external_data();
   e->set_key("location");
   e->set_value("weights.bin");
-  add(b, "external tensor data is not supported: w");
+  add(b, "initializer w: its data is in an external file, and the model's folder is not known (load the model "
+         "from its path)");
   b = simple_model();
   b.g()->mutable_initializer(0)->set_raw_data("abc");
   add(b, "initializer w: holds 3 bytes, its shape needs 12");
@@ -392,8 +393,8 @@ TEST(OnnxIO, LoadErrors) {
   EXPECT_TRUE(cyc.rfind("graph has a cycle through node n", 0) == 0 && cyc.back() != '4') << cyc;
 
   const std::vector<std::pair<std::pair<std::string, Shape>, std::string>> shape_cases = {
-      {{"w", {3}}, "input_shapes names w, which is not a graph input"},
-      {{"nope", {3}}, "input_shapes names nope, which is not a graph input"},
+      {{"w", {3}}, "input_shapes names w, which is not a graph input (graph inputs: x)"},
+      {{"nope", {3}}, "input_shapes names nope, which is not a graph input (graph inputs: x)"},
       {{"x", {2, 3, 1}}, "input_shapes gives x rank 3, the model's input has rank 2"},
   };
   for (const auto& [given, msg] : shape_cases) {
@@ -494,4 +495,100 @@ TEST(OnnxIO, LongChainRoundTrip) {
   EXPECT_EQ(m.graph().value_info_size(), n - 1);
   EXPECT_EQ(m.graph().initializer_size(), 3);
   EXPECT_EQ(save_model(*load_model(out)), out);
+}
+
+// Tensor data kept beside the model: written from the arrays, read back
+// from the model's folder, and refused where it cannot be read.
+TEST(OnnxIO, ExternalDataRoundTrip) {
+  const std::string dir = ::testing::TempDir();
+  ModelBuilder b = io_model({2, 256});
+  std::vector<float> w(256);
+  for (size_t i = 0; i < w.size(); ++i) w[i] = 0.5f * static_cast<float>(i);
+  b.init(tensor_f32("w", {256}, w));
+  b.init(tensor_f32("small", {2}, {1, 2}));
+  b.node("Add", {"x", "w"}, {"y"}, "add");
+  auto ir = load_model(b.bytes());
+
+  SaveOptions opt;
+  opt.data_path = dir + "/ext_round_trip.onnx.data";
+  opt.data_location = "ext_round_trip.onnx.data";
+  const std::string saved = save_model(*ir, opt);
+  const onnx::ModelProto m = parse(saved);
+  ASSERT_EQ(m.graph().initializer_size(), 1);  // `small` is unused and dropped
+  const auto& tp = m.graph().initializer(0);
+  EXPECT_EQ(tp.data_location(), TP::EXTERNAL);
+  EXPECT_FALSE(tp.has_raw_data());
+  std::ifstream data(opt.data_path, std::ios::binary | std::ios::ate);
+  EXPECT_EQ(static_cast<int64_t>(data.tellg()), 256 * 4);
+
+  LoadOptions lo;
+  lo.external_data_dir = dir;
+  auto back = load_model(saved, lo);
+  EXPECT_EQ(back->get_const("w")->to_f64()[255], 127.5);
+  EXPECT_EQ(back->load_info.external_tensors, 1);
+  EXPECT_EQ(back->load_info.external_bytes, 1024);
+  // Written again inside the model, it is the model first built.
+  EXPECT_EQ(save_model(*back), save_model(*ir));
+
+  EXPECT_NE(load_error(saved).find("initializer w: its data is in an external file, and the model's folder is "
+                                   "not known"),
+            std::string::npos);
+  lo.external_data_dir = dir + "/no_such_folder";
+  EXPECT_NE(load_error(saved, lo).find("cannot open its external data file"), std::string::npos);
+}
+
+TEST(OnnxIO, LoadCountsTheFileAsWritten) {
+  ModelBuilder b = io_model({3});
+  b.node("Constant", {}, {"c"}, "c_node", {attr_t("value", tensor_f32("", {3}, {1, 2, 3}))});
+  b.node("Add", {"x", "c"}, {"y"}, "add");
+  auto ir = load_model(b.bytes());
+  EXPECT_EQ(ir->load_info.file_ops, (std::map<std::string, int64_t>{{"Add", 1}, {"Constant", 1}}));
+  EXPECT_EQ(ir->load_info.constant_nodes, 1);
+  EXPECT_EQ(ir->node_count(), 1u);
+}
+
+TEST(OnnxIO, BareInputShapeNamesTheOneInput) {
+  ModelBuilder b(13);
+  b.input("x", TP::FLOAT, Dims{-1, 3});
+  b.output("y", TP::FLOAT, Dims{-1, 3});
+  b.node("Relu", {"x"}, {"y"}, "relu");
+  LoadOptions opt;
+  opt.input_shapes[""] = {5, 3};
+  EXPECT_EQ(load_model(b.bytes(), opt)->get_shape("x"), Shape({5, 3}));
+
+  ModelBuilder two(13);
+  two.input("a", TP::FLOAT, Dims{-1});
+  two.input("b", TP::FLOAT, Dims{-1});
+  two.output("y", TP::FLOAT, Dims{-1});
+  two.node("Add", {"a", "b"}, {"y"}, "add");
+  EXPECT_NE(load_error(two.bytes(), opt).find("the model has 2 graph inputs (a, b): name the input"),
+            std::string::npos);
+  LoadOptions wrong;
+  wrong.input_shapes["c"] = {2};
+  EXPECT_NE(load_error(two.bytes(), wrong).find("not a graph input (graph inputs: a, b)"), std::string::npos);
+}
+
+// A branch body taken in as a graph of its own: the outer name it reads
+// becomes an input with the outer graph's type and shape, and goes again
+// when the body is written back.
+TEST(OnnxIO, SubgraphRoundTrip) {
+  ModelBuilder b = io_model({2, 3});
+  b.input("cond", TP::BOOL, Dims{});
+  onnx::GraphProto branch;
+  branch.set_name("then");
+  *branch.add_node() = make_node("Relu", {"x"}, {"o"}, "relu");
+  *branch.add_output() = make_vi("o", TP::FLOAT, Dims{2, 3});
+  b.node("If", {"cond"}, {"y"}, "if", {attr_g("then_branch", branch), attr_g("else_branch", branch)});
+  auto outer = load_model(b.bytes());
+  const std::string bytes = branch.SerializeAsString();
+  EXPECT_EQ(subgraph_outer_names(bytes), (std::vector<std::string>{"x"}));
+  auto body = load_subgraph(*outer, bytes);
+  EXPECT_TRUE(body->is_input("x"));
+  EXPECT_EQ(body->get_shape("x"), Shape({2, 3}));
+  onnx::GraphProto back;
+  ASSERT_TRUE(back.ParseFromString(save_subgraph(*body, bytes)));
+  EXPECT_EQ(back.name(), "then");
+  EXPECT_EQ(back.input_size(), 0);
+  ASSERT_EQ(back.node_size(), 1);
+  EXPECT_EQ(back.node(0).input(0), "x");
 }

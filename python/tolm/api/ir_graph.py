@@ -35,23 +35,55 @@ def check_target(target: str) -> str:
     return target
 
 
-def normalize_input_shapes(input_shapes: Optional[Mapping[str, Sequence[int]]]) -> Dict[str, List[int]]:
-    """Checks a name -> dims mapping: integer dims, none negative."""
-    if not input_shapes:
+# The key under which normalize_input_shapes keeps dimensions given without
+# a name: they belong to the model's one graph input.
+SINGLE_INPUT = ""
+
+
+def normalize_input_shapes(input_shapes, what: str = "input_shapes") -> Dict[str, List[int]]:
+    """Checks input shapes: a mapping name -> dims (each a non-negative
+    integer), or bare dims for a model with one graph input (kept under the
+    key ``SINGLE_INPUT``). Raises TypeError or ValueError naming ``what``."""
+    if input_shapes is None:
         return {}
+    if isinstance(input_shapes, (str, bytes)):
+        raise TypeError(f"{what} must be a mapping from input name to a list of dimensions, got a string")
+    if not isinstance(input_shapes, Mapping):
+        if not hasattr(input_shapes, "__iter__"):
+            raise TypeError(
+                f"{what} must be a mapping from input name to a list of dimensions, got {type(input_shapes).__name__}"
+            )
+        input_shapes = {SINGLE_INPUT: input_shapes}
     out: Dict[str, List[int]] = {}
     for name, dims in input_shapes.items():
-        if isinstance(dims, (str, bytes)):
-            raise ValueError(f"input shape of '{name}' must be a list of integers")
+        if not isinstance(name, str):
+            raise TypeError(f"{what}: input names must be strings, got {name!r}")
+        label = f"{what}['{name}']" if name else what
+        if isinstance(dims, (str, bytes)) or not hasattr(dims, "__iter__"):
+            raise TypeError(f"{label} must be a list of integers, got {dims!r}")
         shape = []
         for d in dims:
             if isinstance(d, bool) or not hasattr(d, "__index__"):
-                raise ValueError(f"input shape of '{name}' must be a list of integers, got {list(dims)!r}")
+                raise TypeError(f"{label} must be a list of integers, got {list(dims)!r}")
             d = int(d)
             if d < 0:
-                raise ValueError(f"input shape of '{name}' has a negative dimension: {list(dims)!r}")
+                raise ValueError(f"{label} has a negative dimension: {list(dims)!r}")
             shape.append(d)
-        out[str(name)] = shape
+        out[name] = shape
+    return out
+
+
+def resolve_single_input(shapes: Dict[str, List[int]], input_names: Sequence[str], what: str = "input_shapes"):
+    """Gives bare dimensions the name of the model's one graph input."""
+    if SINGLE_INPUT not in shapes:
+        return shapes
+    if len(input_names) != 1:
+        raise ValueError(
+            f"{what} gives dimensions without an input name, and the model has {len(input_names)} graph inputs"
+            f" ({', '.join(input_names)}): name the input"
+        )
+    out = dict(shapes)
+    out[input_names[0]] = out.pop(SINGLE_INPUT)
     return out
 
 
@@ -180,10 +212,14 @@ def prepare_model_bytes(model: ModelLike, input_shapes: Optional[Dict[str, List[
         except Exception:
             return data
     if input_shapes:
-        graph_inputs = {vi.name for vi in proto.graph.input}
+        inits = {t.name for t in proto.graph.initializer}
+        graph_inputs = [vi.name for vi in proto.graph.input if vi.name not in inits]
+        input_shapes = resolve_single_input(input_shapes, graph_inputs)
         for name in input_shapes:
             if name not in graph_inputs:
-                raise ValueError(f"model has no graph input '{name}'")
+                raise LoadError(
+                    f"input_shapes names {name}, which is not a graph input (graph inputs: {', '.join(graph_inputs)})"
+                )
         check_fixed_dims(proto.graph, input_shapes)
     if not (input_shapes or _missing_shapes(proto.graph)):
         return data
@@ -251,15 +287,21 @@ class IRGraph(_reduce.IRGraph):
         model: Optional[ModelLike] = None,
         input_shapes: Optional[Mapping[str, Sequence[int]]] = None,
         target: str = "npu_c",
+        external_data_dir: Optional[Union[str, "os.PathLike[str]"]] = None,
     ):
+        """``model`` as a path reads tensor data kept in external files from
+        the model's folder; for bytes or a ModelProto that refer to such
+        files, ``external_data_dir`` says where they are."""
         check_target(target)
         if model is None:
             super().__init__()
             self.npu_target = target
         else:
             shapes = normalize_input_shapes(input_shapes)
+            if external_data_dir is None and isinstance(model, (str, os.PathLike)):
+                external_data_dir = os.path.dirname(os.path.abspath(os.fspath(model)))
             data = prepare_model_bytes(model, shapes)
-            super().__init__(data, shapes or None, target)
+            super().__init__(data, shapes or None, target, external_data_dir=external_data_dir)
         self._model_view: Optional[_ModelView] = None
 
     @property
@@ -287,4 +329,5 @@ __all__ = [
     "ACTIVATION_OPS",
     "REDUCE_OPS",
     "TARGETS",
+    "SINGLE_INPUT",
 ]
