@@ -101,13 +101,19 @@ bool independent(const IR& ir, const NodeList& nodes) {
   return true;
 }
 
-// The constant axes of a reduce node, normalised; absent when they are not
-// a constant input.
+// The axes of a reduce node, normalised: a constant input, or the attribute
+// older opsets use; absent when computed. Empty means every axis.
 std::optional<std::vector<int64_t>> reduce_axes(const IR& ir, const Node& n, size_t rank) {
-  if (n.input.size() < 2 || n.input[1].empty()) return std::nullopt;
-  const NDArray* c = ir.get_const(n.input[1]);
-  if (c == nullptr) return std::nullopt;
-  std::vector<int64_t> axes = c->to_i64();
+  std::vector<int64_t> axes;
+  if (n.input.size() >= 2 && !n.input[1].empty()) {
+    const NDArray* c = ir.get_const(n.input[1]);
+    if (c == nullptr) return std::nullopt;
+    axes = c->to_i64();
+  } else {
+    axes = IR::get_attr_ints(n, "axes").value_or(std::vector<int64_t>{});
+  }
+  // With noop_with_empty_axes, no axes reduce nothing: not a shape this rule plans for.
+  if (axes.empty() && IR::get_attr_int(n, "noop_with_empty_axes").value_or(0) != 0) return std::nullopt;
   for (int64_t& a : axes) a = norm_axis(a, rank);
   return axes;
 }

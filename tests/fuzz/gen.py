@@ -1573,7 +1573,9 @@ def _parallel_op(b: Builder, x: str, op: str, axis: int, shared: dict) -> str:
         out = [1 if d in axes else s[d] for d in range(r)]
         if not shared["keep"]:
             out = [s[d] for d in range(r) if d not in axes]
-        return b.node1(op, [x, shared["axes"]], e, out, keepdims=shared["keep"])
+        if op == "ReduceSum":
+            return b.node1(op, [x, shared["axes"]], e, out, keepdims=shared["keep"])
+        return b.node1(op, [x], e, out, keepdims=shared["keep"], axes=axes)  # an attribute before opset 18
     # Gather: on the joined axis each branch has its own indices.
     if "gaxis" not in shared:
         shared["gaxis"] = axis if b.p(0.5) else b.randint(0, r - 1)
@@ -1650,7 +1652,7 @@ def pat_inner_math(b: Builder) -> None:
     for t in parts:
         if b.p(0.6):
             this = op if b.p(0.9) else b.pick_one(["Add", "Mul"])
-            c = b.const(np.asarray(b.values(FLOAT, (1,) * b.randint(0, 2), "nonzero")))
+            c = b.const(np.asarray(b.values(FLOAT, (1,) * b.randint(0, min(2, len(s))), "nonzero")))
             ins = [c, t] if b.p(0.2) else [t, c]
             outs.append(b.node1(this, ins, FLOAT, broadcast(b.shape(t), b.shape(c))))
         else:
@@ -1658,6 +1660,8 @@ def pat_inner_math(b: Builder) -> None:
     if b.p(0.3):
         b.rng.shuffle(outs)
     cat_axis = axis if b.p(0.9) else b.randint(0, len(s) - 1)
+    if len({tuple(d for i, d in enumerate(b.shape(o)) if i != cat_axis) for o in outs}) > 1:
+        cat_axis = axis
     b.node1("Concat", outs, FLOAT, _concat_shape(b, outs, cat_axis), axis=cat_axis)
 
 
