@@ -11,6 +11,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "dead/dead.h"
@@ -93,11 +94,28 @@ bool others_shared(const IR& ir, const NodeList& nodes, size_t sp_in_idx, bool i
 }
 
 // No node of the group is computed from another's output: merged, they
-// would wait for each other.
+// would wait for each other. One walk up from all their inputs at once: a
+// member met on the way is an ancestor of another member.
 bool independent(const IR& ir, const NodeList& nodes) {
-  for (const NodePtr& a : nodes)
-    for (const NodePtr& b : nodes)
-      if (a != b && ir.depends_on(*b, a->output[0])) return false;
+  std::unordered_set<const Node*> members, seen;
+  for (const NodePtr& n : nodes) members.insert(n.get());
+  std::vector<const Node*> stack;
+  auto push_inputs = [&](const Node& n) {
+    auto visit = [&](const std::string& t) {
+      if (t.empty()) return;
+      const NodePtr p = ir.producer(t);
+      if (p && seen.insert(p.get()).second) stack.push_back(p.get());
+    };
+    for (const std::string& t : n.input) visit(t);
+    for (const std::string& t : n.implicit_inputs) visit(t);
+  };
+  for (const NodePtr& n : nodes) push_inputs(*n);
+  while (!stack.empty()) {
+    const Node* n = stack.back();
+    stack.pop_back();
+    if (members.count(n)) return false;
+    push_inputs(*n);
+  }
   return true;
 }
 
@@ -129,7 +147,6 @@ std::optional<GroupPlan> plan_group(const IR& ir, const Node& stack_op, int64_t 
 
   if (is_elementwise_alu_op(op) || op == "Pow") {
     if (groups_nodes[0]->input.size() != 2) return std::nullopt;
-    if (!independent(ir, groups_nodes)) return std::nullopt;
     const Node& n0 = *groups_nodes[0];
     const Node& n1 = *groups_nodes[1];
     const bool same0 = n0.input[0] == n1.input[0], same1 = n0.input[1] == n1.input[1];
@@ -210,7 +227,6 @@ std::optional<GroupPlan> plan_group(const IR& ir, const Node& stack_op, int64_t 
   plan.nodes = groups_nodes;
   const size_t sp = plan.sp_in_idx;
   if (!others_shared(ir, groups_nodes, sp, stack_on_gather_axis)) return std::nullopt;
-  if (!independent(ir, groups_nodes)) return std::nullopt;
   std::vector<std::string> concat_in, outs;
   for (const NodePtr& n : groups_nodes) {
     concat_in.push_back(n->input[sp]);
@@ -253,6 +269,9 @@ std::optional<GroupPlan> plan_group(const IR& ir, const Node& stack_op, int64_t 
     if (first->ndim() != 1) return std::nullopt;
     plan.gather_indices = NDArray::from_i64(merged, first->dtype());
   }
+  // Last, as it walks the graph upstream. Before a Concat each node feeds
+  // only the Concat, so none can feed another.
+  if (stack_op.op_type() != "Concat" && !independent(ir, groups_nodes)) return std::nullopt;
   return plan;
 }
 

@@ -174,7 +174,7 @@ RuleResult _p_fuse_two_scatternd2(IR& ir, const NodeList& nodes, QuantTable*) {
   if (!update_diff_dim.empty()) {
     const int64_t uca = update_diff_dim[0];
     const NDArray* data_const = ir.get_const(scatternd_1->input[0]);
-    if (data_const == nullptr || uca >= static_cast<int64_t>(ind1_shape.size()) - 1) return no_match();
+    if (data_const == nullptr || data_const->dtype() == dt::STRING || uca >= static_cast<int64_t>(ind1_shape.size()) - 1) return no_match();
     pad_side = ind1_shape[uca] > ind2_shape[uca] ? 1 : 0;
     const std::vector<int64_t>& mis = pad_side == 1 ? indices_2 : indices_1;
     const Shape& norm_shape = pad_side == 1 ? ind1_shape : ind2_shape;

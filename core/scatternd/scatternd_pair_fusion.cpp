@@ -103,7 +103,7 @@ RuleResult _p_fuse_two_scatternd(IR& ir, const NodeList& nodes, QuantTable*) {
     // The rows added write the zero filters' output over places the data
     // holds zeros at: only then are the numbers those of the two writes.
     const NDArray* data = ir.get_const(scatternd_1->input[0]);
-    if (data == nullptr || k < 2 || rank < 3) return no_match();
+    if (data == nullptr || data->dtype() == dt::STRING || k < 2 || rank < 3) return no_match();
     std::vector<int64_t> all_rows = p.indices_1;
     all_rows.insert(all_rows.end(), p.indices_2.begin(), p.indices_2.end());
     std::vector<int64_t> pad_rows_all;
