@@ -347,8 +347,8 @@ RuleResult _p_merge_parallel_op_around_split_concat(IR& ir, const NodeList& node
     std::string new_in;
     if (p.joined_const) {
       std::string joined;
-      for (const NodePtr& n : p.nodes) joined += (joined.empty() ? "" : "_") + n->input[p.sp_in_idx];
-      new_in = oper_name_join(ir, joined, "_cat", g.names_assign);
+      for (const NodePtr& n : p.nodes) joined += (joined.empty() ? "" : "_cat") + n->input[p.sp_in_idx];
+      new_in = oper_name_join(ir, joined, "", g.names_assign);
       g.names_assign.push_back(new_in);
       ir.set_const(new_in, *p.joined_const);
     } else {
