@@ -11,7 +11,6 @@
 #include <map>
 #include <optional>
 #include <string>
-#include <unordered_set>
 #include <vector>
 
 #include "dead/dead.h"
@@ -90,32 +89,6 @@ bool others_shared(const IR& ir, const NodeList& nodes, size_t sp_in_idx, bool i
       if (i == sp_in_idx || (indices_may_differ && i == 1)) continue;
       if (!same_input(ir, first.input[i], n->input[i])) return false;
     }
-  return true;
-}
-
-// No node of the group is computed from another's output: merged, they
-// would wait for each other. One walk up from all their inputs at once: a
-// member met on the way is an ancestor of another member.
-bool independent(const IR& ir, const NodeList& nodes) {
-  std::unordered_set<const Node*> members, seen;
-  for (const NodePtr& n : nodes) members.insert(n.get());
-  std::vector<const Node*> stack;
-  auto push_inputs = [&](const Node& n) {
-    auto visit = [&](const std::string& t) {
-      if (t.empty()) return;
-      const NodePtr p = ir.producer(t);
-      if (p && seen.insert(p.get()).second) stack.push_back(p.get());
-    };
-    for (const std::string& t : n.input) visit(t);
-    for (const std::string& t : n.implicit_inputs) visit(t);
-  };
-  for (const NodePtr& n : nodes) push_inputs(*n);
-  while (!stack.empty()) {
-    const Node* n = stack.back();
-    stack.pop_back();
-    if (members.count(n)) return false;
-    push_inputs(*n);
-  }
   return true;
 }
 
@@ -269,9 +242,16 @@ std::optional<GroupPlan> plan_group(const IR& ir, const Node& stack_op, int64_t 
     if (first->ndim() != 1) return std::nullopt;
     plan.gather_indices = NDArray::from_i64(merged, first->dtype());
   }
-  // Last, as it walks the graph upstream. Before a Concat each node feeds
-  // only the Concat, so none can feed another.
-  if (stack_op.op_type() != "Concat" && !independent(ir, groups_nodes)) return std::nullopt;
+  // No node may be computed from another's output: merged, they would wait
+  // for each other. Ahead of a Concat each node feeds only the Concat. After
+  // a Split, the inputs other than the joined one are shared, so a node's
+  // own output cannot reach them; the joined input, a part of the Split,
+  // lies upstream of every node. Where it is no part of the Split the
+  // nodes could depend on each other, and finding out would mean walking
+  // the graph: the group stays.
+  if (stack_op.op_type() == "Split")
+    for (const NodePtr& n : groups_nodes)
+      if (!stack_op.output.contains(n->input[sp])) return std::nullopt;
   return plan;
 }
 
