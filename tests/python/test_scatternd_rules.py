@@ -191,3 +191,15 @@ def test_read_add_write_back_becomes_an_adding_scatter(gather_second):
 def test_read_add_write_that_differs_stays(gi, si, y_shape):
     model = gather_add_scatter(gi, si, y_shape=y_shape)
     assert call_rule(model, "_p_fuse_to_reduction_scatternd", ["ga", "add", "sc"]) == ([], [], None)
+
+
+def test_writes_side_by_side_on_two_axes_join_on_the_later_one():
+    # Batch 2 leaves room on axis 0 too; the token axis, the later, wins.
+    nodes = [("ScatterND", ["cache", "i1", "u1"], ["w1"], {"name": "sc1"}),
+             ("ScatterND", ["w1", "i2", "u2"], ["y"], {"name": "sc2"})]
+    shape = [2, H, S, D]
+    model = make_model(nodes, {"cache": shape, "u1": [1, H, 1, D], "u2": [1, H, 1, D]}, {"y": shape},
+                       {"i1": kv_rows(1), "i2": kv_rows(2)}, opset=16)
+    _, added, out = call_rule(model, "_p_fuse_two_scatternd", ["sc1", "sc2"])
+    assert added == ["Concat"]
+    assert [n for n in out.graph.node if n.op_type == "Concat"][0].attribute[0].i == 2
