@@ -119,18 +119,20 @@ RuleResult _p_merge_inner_math_op_in_split_concat(IR& ir, const NodeList& nodes,
   Graph g(ir);
   std::vector<int64_t> sorted = indices;
   std::sort(sorted.begin(), sorted.end());
+  const std::string math_name = node_name_join(ir, split->name(), "_math");
   if (sorted == indices) {
-    g.op(target_op_type, {split->input[0], vec}, {{concat->output[0]}});
+    g.op(target_op_type, {split->input[0], vec}, {{concat->output[0]}, math_name});
   } else {
     // The parts were reordered: the Split and Concat stay, around the math.
-    const std::string math_out = g.op(target_op_type, {split->input[0], vec});
+    const std::string math_out = g.op(target_op_type, {split->input[0], vec}, {{}, math_name});
     NodePtr split_copy = split->clone();
     split_copy->input.set(0, math_out);
     g.nodes.push_back(split_copy);
     std::vector<OpInput> cat_in(indices.size());
     for (size_t k = 0; k < indices.size(); ++k) cat_in[indices[k]] = split->output[k];
     g.op("Concat", cat_in,
-         {{concat->output[0]}, "", {Attr::make_int("axis", *split_axis)}});
+         {{concat->output[0]}, node_name_join(ir, concat->name(), "_reorder"),
+          {Attr::make_int("axis", *split_axis)}});
   }
   return {rm_ops, g.nodes};
 }

@@ -334,7 +334,11 @@ RuleResult _p_merge_parallel_op_around_split_concat(IR& ir, const NodeList& node
     } else {
       std::vector<OpInput> ins;
       for (const NodePtr& n : p.nodes) ins.emplace_back(n->input[p.sp_in_idx]);
-      new_in = g.op("Concat", ins, {{}, "", {Attr::make_int("axis", stack_axis)}});
+      // Names come from the group's first node: a free name is then found
+      // at once, however many merges the graph holds.
+      const std::string cat_name = node_name_join(ir, n0.name(), "_concat", g.names_assign);
+      g.names_assign.push_back(cat_name);
+      new_in = g.op("Concat", ins, {{}, cat_name, {Attr::make_int("axis", stack_axis)}});
     }
     std::vector<std::string> outs;
     for (const NodePtr& n : p.nodes) outs.push_back(n->output[0]);
@@ -361,8 +365,10 @@ RuleResult _p_merge_parallel_op_around_split_concat(IR& ir, const NodeList& node
       out_letters[stack_axis] = fresh;
       const std::string equation =
           letters + "," + letters[stack_axis] + fresh + "->" + out_letters;
+      const std::string einsum_name = node_name_join(ir, n0.name(), "_einsum", g.names_assign);
+      g.names_assign.push_back(einsum_name);
       g.op("Einsum", {new_in, NDArray::from_f64(w, {total, n}, dtype)},
-           {{mid}, "", {Attr::make_string("equation", equation)}});
+           {{mid}, einsum_name, {Attr::make_string("equation", equation)}});
       Shape mid_shape = in_shape;
       mid_shape[stack_axis] = n;
       ir.set_shape(mid, mid_shape, false, dtype);
