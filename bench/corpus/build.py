@@ -385,6 +385,93 @@ def build_ddddocr_det(out: Path) -> dict:
     return {"kind": "captcha box detector (YOLOX-style, focus stem)", "source": src}
 
 
+def build_kv_decoder(out: Path) -> dict:
+    """A two-layer decoder step over a KV cache, written with onnx.helper in
+    the form exporters give an in-place cache update: the step's two new
+    tokens are written one ScatterND each, heads are scaled branch by branch
+    after a Split, and a per-slot attention tally is read, added to and
+    written back (Gather, Add, ScatterND)."""
+    import numpy as np
+    from onnx import TensorProto, helper, numpy_helper
+
+    rng = np.random.default_rng(SEED)
+    E, H, D, S, T, POS = 32, 2, 16, 8, 2, 3
+    f32 = np.float32
+    nodes, inits = [], []
+
+    def const(name, arr):
+        inits.append(numpy_helper.from_array(np.asarray(arr), name))
+        return name
+
+    def node(op, ins, outs, **attrs):
+        nodes.append(helper.make_node(op, ins, outs, name=outs[0] + "_node", **attrs))
+        return outs[0]
+
+    inputs = [helper.make_tensor_value_info("x", TensorProto.FLOAT, [1, T, E])]
+    outputs = []
+    const("shape_bthd", np.array([1, T, H, D], np.int64))
+    const("shape_bte", np.array([1, T, E], np.int64))
+    const("split_t", np.array([1] * T, np.int64))
+    const("split_h", np.array([1] * H, np.int64))
+    const("scale", np.full((1, 1, 1, 1), 1.0 / np.sqrt(D), f32))
+    const("tally_idx", np.arange(POS, POS + T, dtype=np.int64))
+    const("tally_rows", np.arange(POS, POS + T, dtype=np.int64).reshape(T, 1))
+    for t in range(T):
+        rows = np.array([(0, h, POS + t) for h in range(H)], np.int64).reshape(1, H, 1, 3)
+        const(f"rows_t{t}", rows)
+    x = "x"
+    for layer in range(2):
+        p = f"l{layer}_"
+        for kv in ("k", "v"):
+            inputs.append(helper.make_tensor_value_info(p + "past_" + kv, TensorProto.FLOAT, [1, H, S, D]))
+        inputs.append(helper.make_tensor_value_info(p + "tally", TensorProto.FLOAT, [S, 1]))
+        proj = {}
+        for w in ("q", "k", "v", "o"):
+            const(p + "w" + w, (rng.standard_normal((E, E)) / np.sqrt(E)).astype(f32))
+        for w in ("q", "k", "v"):
+            m = node("MatMul", [x, p + "w" + w], [p + w + "_mm"])
+            r = node("Reshape", [m, "shape_bthd"], [p + w + "_rs"])
+            proj[w] = node("Transpose", [r], [p + w + "_tp"], perm=[0, 2, 1, 3])
+        # Scale each head on its own branch, as a per-head export writes it.
+        heads = [p + f"q_h{h}" for h in range(H)]
+        node("Split", [proj["q"], "split_h"], heads, axis=1)
+        scaled = [node("Mul", [hd, "scale"], [hd + "_sc"]) for hd in heads]
+        q = node("Concat", scaled, [p + "q_scaled"], axis=1)
+        caches = {}
+        for kv in ("k", "v"):
+            toks = [p + kv + f"_tok{t}" for t in range(T)]
+            node("Split", [proj[kv], "split_t"], toks, axis=2)
+            cur = p + "past_" + kv
+            for t in range(T):
+                cur = node("ScatterND", [cur, f"rows_t{t}", toks[t]], [p + kv + f"_cache{t}"])
+            caches[kv] = cur
+            outputs.append(helper.make_tensor_value_info(cur, TensorProto.FLOAT, [1, H, S, D]))
+        kt = node("Transpose", [caches["k"]], [p + "kt"], perm=[0, 1, 3, 2])
+        sc = node("MatMul", [q, kt], [p + "scores"])
+        pr = node("Softmax", [sc], [p + "probs"], axis=-1)
+        # Attention each cache slot received this step, added to the tally.
+        mass = node("ReduceSum", [pr, const(p + "mass_axes", np.array([0, 1, 2], np.int64))], [p + "mass"], keepdims=0)
+        mass = node("Unsqueeze", [mass, const(p + "mass_unsq", np.array([1], np.int64))], [p + "mass_col"])
+        mass_new = node("Gather", [mass, "tally_idx"], [p + "mass_new"], axis=0)
+        old = node("Gather", [p + "tally", "tally_idx"], [p + "tally_old"], axis=0)
+        acc = node("Add", [old, mass_new], [p + "tally_sum"])
+        tally = node("ScatterND", [p + "tally", "tally_rows", acc], [p + "tally_out"])
+        outputs.append(helper.make_tensor_value_info(tally, TensorProto.FLOAT, [S, 1]))
+        ctx = node("MatMul", [pr, caches["v"]], [p + "ctx"])
+        ctx = node("Transpose", [ctx], [p + "ctx_tp"], perm=[0, 2, 1, 3])
+        ctx = node("Reshape", [ctx, "shape_bte"], [p + "ctx_rs"])
+        o = node("MatMul", [ctx, p + "wo"], [p + "o"])
+        x = node("Add", [x, o], [p + "resid"])
+    outputs.insert(0, helper.make_tensor_value_info(x, TensorProto.FLOAT, [1, T, E]))
+    graph = helper.make_graph(nodes, "kv_decoder", inputs, outputs, initializer=inits)
+    model = helper.make_model(graph, opset_imports=[helper.make_opsetid("", OPSET)])
+    model.ir_version = 8
+    onnx.checker.check_model(model, full_check=True)
+    onnx.save(model, str(out))
+    return {"kind": "decoder step over a KV cache updated by ScatterND (onnx.helper, random weights)",
+            "source": "build.py --only kv_decoder"}
+
+
 BUILDERS = {
     "bert": build_bert,
     "gpt2": build_gpt2,
@@ -400,6 +487,7 @@ BUILDERS = {
     "ocr_cls": build_ocr_cls,
     "ocr_rec": build_ocr_rec,
     "ddddocr_det": build_ddddocr_det,
+    "kv_decoder": build_kv_decoder,
 }
 
 

@@ -5,6 +5,7 @@
 #include "chains/chains.h"
 #include "dead/dead.h"
 #include "layout/layout.h"
+#include "scatternd/scatternd.h"
 
 namespace tolm {
 
@@ -37,9 +38,9 @@ const std::vector<ProcEntry>& registry() {
       // Dead and duplicate nodes
       {"_p_remove_invalid_node", _p_remove_invalid_node},
       {"_p_remove_parallel_node", _p_remove_parallel_node},
-      {"_p_merge_parallel_op_around_split_concat", nullptr},
-      {"_p_merge_inner_math_op_in_split_concat", nullptr},
-      {"_p_merge_parallel_slice_exnorm", nullptr},
+      {"_p_merge_parallel_op_around_split_concat", _p_merge_parallel_op_around_split_concat},
+      {"_p_merge_inner_math_op_in_split_concat", _p_merge_inner_math_op_in_split_concat},
+      {"_p_merge_parallel_slice_exnorm", _p_merge_parallel_slice_exnorm},
       // Split, concat, slice and gather restructuring
       {"_p_fuse_two_slice", nullptr},
       {"_p_replace_parallel_slice_by_split", nullptr},
@@ -72,10 +73,10 @@ const std::vector<ProcEntry>& registry() {
       {"_p_reduce_transpose_op_around_sub_graph", nullptr},
       {"_p_reduce_reshape_op_around_axis_op", nullptr},
       // ScatterND
-      {"_p_fuse_two_scatternd", nullptr},
-      {"_p_fuse_two_scatternd2", nullptr},
-      {"_p_remove_redundant_scatternd", nullptr},
-      {"_p_fuse_to_reduction_scatternd", nullptr},
+      {"_p_fuse_two_scatternd", _p_fuse_two_scatternd},
+      {"_p_fuse_two_scatternd2", _p_fuse_two_scatternd2},
+      {"_p_remove_redundant_scatternd", _p_remove_redundant_scatternd},
+      {"_p_fuse_to_reduction_scatternd", _p_fuse_to_reduction_scatternd},
       // Attention and transformer blocks
       {"_p_fuse_multihead_attention_reshape_to_gather_split", nullptr},
       {"_p_absorb_gather_into_attention_conv", nullptr},

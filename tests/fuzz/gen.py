@@ -1536,6 +1536,185 @@ def pat_identity_weight(b: Builder) -> None:
         b.node1(b.pick_one(["Add", "Mul"]), [x, ident], e, broadcast(s, cs))
 
 
+# -- parallel branches around Split/Concat, and ScatterND pairs ------------
+
+
+PARALLEL_OPS = ["Relu", "Sigmoid", "Mul", "Add", "Pow", "ReduceSum", "ReduceMax", "Gather"]
+
+
+def _parallel_op(b: Builder, x: str, op: str, axis: int, shared: dict) -> str:
+    """One branch's ``op`` on ``x``; ``shared`` holds what the branches share
+    (a constant operand, reduce axes, gather indices), made on first use."""
+    e, s = b.elem(x), list(b.shape(x))
+    r = len(s)
+    if op in ("Relu", "Sigmoid"):
+        return b.node1(op, [x], e, s)
+    if op in ("Mul", "Add", "Pow"):
+        if "c" not in shared:
+            cshape = [1 if (d == axis or b.p(0.5)) else s[d] for d in range(r)]
+            if b.p(0.15):
+                cshape[axis] = s[axis]  # does not broadcast on the joined axis
+            kind = "nonzero" if op != "Pow" else "ones"
+            shared["c"] = b.const(b.values(FLOAT, cshape, kind))
+            shared["first"] = b.p(0.3) and op != "Pow"
+        c = shared["c"]
+        if b.p(0.1):  # its own constant, equal or not
+            c = b.const(b.values(FLOAT, b.shape(c), "ones" if b.p(0.5) else "nonzero"))
+        ins = [c, x] if shared["first"] else [x, c]
+        out = broadcast(s, b.shape(c))
+        return b.node1(op, ins, e, out)
+    if op in ("ReduceSum", "ReduceMax"):
+        if "axes" not in shared:
+            ax = axis if b.p(0.5) else b.randint(0, r - 1)
+            shared["axes_vals"] = [ax, (ax + 1) % r] if b.p(0.2) and r > 1 else [ax]
+            shared["axes"] = b.ints(shared["axes_vals"])
+            shared["keep"] = 0 if b.p(0.15) else 1
+        axes = shared["axes_vals"]
+        out = [1 if d in axes else s[d] for d in range(r)]
+        if not shared["keep"]:
+            out = [s[d] for d in range(r) if d not in axes]
+        if op == "ReduceSum":
+            return b.node1(op, [x, shared["axes"]], e, out, keepdims=shared["keep"])
+        return b.node1(op, [x], e, out, keepdims=shared["keep"], axes=axes)  # an attribute before opset 18
+    # Gather: on the joined axis each branch has its own indices.
+    if "gaxis" not in shared:
+        shared["gaxis"] = axis if b.p(0.5) else b.randint(0, r - 1)
+    g = shared["gaxis"]
+    if g != axis and "idx" in shared and b.p(0.8):
+        idx, n = shared["idx"]
+    else:
+        n = b.randint(1, 3)
+        idx = b.ints(b.rng.integers(-s[g], s[g], n), "gi")
+        shared.setdefault("idx", (idx, n))
+    out = list(s)
+    out[g] = n
+    return b.node1("Gather", [x, idx], e, out, axis=g)
+
+
+def pat_parallel_after_split(b: Builder) -> None:
+    """A Split whose parts each go through the same op (mostly), maybe back
+    into a Concat."""
+    x = b.pick_float(min_rank=1)
+    s = b.shape(x)
+    axis = b.randint(0, len(s) - 1)
+    if s[axis] < 2:
+        raise Skip("axis too short")
+    parts = split(b, x, axis)
+    if len(parts) < 2:
+        raise Skip("one part")
+    op = b.pick_one(PARALLEL_OPS)
+    shared: dict = {}
+    outs = []
+    for k, t in enumerate(parts):
+        if k > 0 and b.p(0.1):
+            outs.append(b.node1("Neg", [t], FLOAT, b.shape(t)))
+        else:
+            outs.append(_parallel_op(b, t, op, axis, shared))
+    if b.p(0.5) and len({len(b.shape(o)) for o in outs}) == 1 and axis < len(b.shape(outs[0])):
+        b.node1("Concat", outs, FLOAT, _concat_shape(b, outs, axis), axis=axis)
+
+
+def pat_parallel_before_concat(b: Builder) -> None:
+    """Tensors of one shape (but on the joined axis) each through the same
+    op, then joined by a Concat."""
+    x = b.pick_float(min_rank=1)
+    s = b.shape(x)
+    axis = b.randint(0, len(s) - 1)
+    ins = [x]
+    for _ in range(b.randint(1, 3)):
+        if b.p(0.5):
+            ins.append(b.node1("Neg", [x], FLOAT, s))
+        else:
+            t = list(s)
+            t[axis] = b.randint(1, 3)
+            ins.append(b.const(b.values(FLOAT, t)) if b.p(0.2) else b.node1("Relu", [b.const(b.values(FLOAT, t))], FLOAT, t))
+    op = b.pick_one(PARALLEL_OPS)
+    shared: dict = {}
+    outs = [_parallel_op(b, t, op, axis, shared) for t in ins]
+    if len({len(b.shape(o)) for o in outs}) != 1 or axis >= len(b.shape(outs[0])):
+        raise Skip("ranks differ")
+    b.node1("Concat", outs, FLOAT, _concat_shape(b, outs, axis), axis=axis)
+
+
+def pat_inner_math(b: Builder) -> None:
+    """Split, scalar Add/Sub/Mul/Div on some parts, Concat back (maybe in
+    another order, maybe on another axis)."""
+    x = b.pick_float(min_rank=1)
+    s = b.shape(x)
+    axis = b.randint(0, len(s) - 1)
+    if s[axis] < 2:
+        raise Skip("axis too short")
+    parts = split(b, x, axis)
+    if len(parts) < 2:
+        raise Skip("one part")
+    op = b.pick_one(["Add", "Sub", "Mul", "Div"])
+    outs = []
+    for t in parts:
+        if b.p(0.6):
+            this = op if b.p(0.9) else b.pick_one(["Add", "Mul"])
+            c = b.const(np.asarray(b.values(FLOAT, (1,) * b.randint(0, min(2, len(s))), "nonzero")))
+            ins = [c, t] if b.p(0.2) else [t, c]
+            outs.append(b.node1(this, ins, FLOAT, broadcast(b.shape(t), b.shape(c))))
+        else:
+            outs.append(t)
+    if b.p(0.3):
+        b.rng.shuffle(outs)
+    cat_axis = axis if b.p(0.9) else b.randint(0, len(s) - 1)
+    if len({tuple(d for i, d in enumerate(b.shape(o)) if i != cat_axis) for o in outs}) > 1:
+        cat_axis = axis
+    b.node1("Concat", outs, FLOAT, _concat_shape(b, outs, cat_axis), axis=cat_axis)
+
+
+def pat_scatternd_pair(b: Builder) -> None:
+    """A KV cache [1, H, S, D] written twice: token rows for some heads, the
+    second write maybe at the same token, maybe for fewer heads; the data a
+    graph input or a constant (often zeros); or a repeated write; or a read,
+    add and write back."""
+    H, S, D = b.randint(1, 3), b.randint(2, 5), b.randint(1, 4)
+    shape = (1, H, S, D)
+    partners = [n for n in b.pool if b.elem(n) == FLOAT and b.shape(n) == shape]
+    base = b.const(b.values(FLOAT, shape, "zeros" if b.p(0.6) else "random"))
+    if partners and b.p(0.5):
+        cache = b.pick_one(partners)
+    elif b.p(0.6):  # computed: a graph value spread over the constant
+        m = b.node1("ReduceMean", [b.pick_float()], FLOAT, (), keepdims=0)
+        cache = b.node1("Add", [m, base], FLOAT, shape)
+    else:
+        cache = base
+
+    def rows(t, heads):
+        return np.array([(0, h, t) for h in heads], np.int64).reshape(1, len(heads), 1, 3)
+
+    def update(n):
+        return b.const(b.values(FLOAT, (1, n, 1, D)))
+
+    u = b.rng.random()
+    if u < 0.6:
+        t1 = b.randint(0, S - 1)
+        t2 = t1 if b.p(0.15) else b.randint(0, S - 1)
+        h1 = list(range(H))
+        h2 = sorted(b.rng.choice(H, size=b.randint(1, H), replace=False).tolist()) if b.p(0.4) else list(range(H))
+        red = b.pick_one(["none", "none", "none", "add"])
+        attrs = {"reduction": red} if red != "none" else {}
+        w1 = b.node1("ScatterND", [cache, b.ints(rows(t1, h1), "idx"), update(len(h1))], FLOAT, shape, **attrs)
+        b.node1("ScatterND", [w1, b.ints(rows(t2, h2), "idx"), update(len(h2))], FLOAT, shape, **attrs)
+    elif u < 0.8:
+        idx = rows(b.randint(0, S - 1), range(H))
+        upd = update(H)
+        w1 = b.node1("ScatterND", [cache, b.ints(idx, "idx"), upd], FLOAT, shape)
+        b.node1("ScatterND", [w1, b.ints(idx, "idx"), upd if b.p(0.8) else update(H)], FLOAT, shape)
+    else:
+        flat = b.node1("Reshape", [cache, b.ints([H * S, D])], FLOAT, (H * S, D))
+        n = b.randint(1, min(3, H * S))
+        gi = b.rng.choice(H * S, size=n, replace=b.p(0.2))
+        si = gi if b.p(0.85) else b.rng.permutation(gi)
+        g = b.node1("Gather", [flat, b.ints(gi, "gi")], FLOAT, (n, D), axis=0)
+        y = b.const(b.values(FLOAT, (n, D) if b.p(0.9) else (1, D)))
+        ins = [g, y] if b.p(0.5) else [y, g]
+        a = b.node1("Add", ins, FLOAT, (n, D))
+        b.node1("ScatterND", [flat, b.ints(np.asarray(si).reshape(n, 1), "si"), a], FLOAT, (H * S, D))
+
+
 PATTERNS: List[Tuple[Callable[[Builder], None], float]] = [
     (pat_transpose, 8),
     (pat_transpose_pair, 8),
@@ -1582,6 +1761,11 @@ PATTERNS: List[Tuple[Callable[[Builder], None], float]] = [
     (pat_conv_add, 1.5),
     (pat_const_chain, 2),
     (pat_identity_weight, 1.5),
+    # parallel branches around Split/Concat, and ScatterND pairs
+    (pat_parallel_after_split, 3),
+    (pat_parallel_before_concat, 2),
+    (pat_inner_math, 2),
+    (pat_scatternd_pair, 3),
 ]
 _WEIGHTS = np.array([w for _, w in PATTERNS], dtype=float)
 _WEIGHTS /= _WEIGHTS.sum()
