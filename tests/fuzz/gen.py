@@ -1536,6 +1536,147 @@ def pat_identity_weight(b: Builder) -> None:
         b.node1(b.pick_one(["Add", "Mul"]), [x, ident], e, broadcast(s, cs))
 
 
+
+# -- Slice, Split and Concat restructuring ------------------------------------
+# Pieces cut only to be joined again, slices side by side, slices of slices
+# and of concats: what the restructuring rules look for, and near misses.
+
+
+def full_slice(b: Builder, x: str, starts, ends, axes, steps, out: Sequence[int]) -> str:
+    """A Slice with all five operands, axes as written (negative ones too)."""
+    ins = [x, b.ints(starts, "starts"), b.ints(ends, "ends"), b.ints(axes, "axes"), b.ints(steps, "steps")]
+    return b.node1("Slice", ins, b.elem(x), out)
+
+
+def pat_slice_chain(b: Builder) -> None:
+    x = b.pick_any(min_rank=1)
+    s = list(b.shape(x))
+    r = len(s)
+    y, cur = x, list(s)
+    for _ in range(b.randint(2, 3)):
+        a = b.randint(0, r - 1)
+        st, en, sp = slice_axis(b, cur[a]) if b.p(0.3) else (0, cur[a], 1)
+        if sp == 1 and b.p(0.7):
+            st = b.randint(0, cur[a] - 1)
+            en = b.pick_one([b.randint(st + 1, cur[a]), cur[a] + b.randint(0, 4), INT64_MAX])
+        n = slice_len(cur[a], st, en, sp)
+        if n == 0:
+            raise Skip("empty slice")
+        cur = list(cur)
+        cur[a] = n
+        written = a - r if b.p(0.25) else a
+        y = full_slice(b, y, [st], [en], [written], [sp], cur)
+
+
+def pat_parallel_slices(b: Builder) -> None:
+    x = b.pick_any(min_rank=1)
+    s = list(b.shape(x))
+    r = len(s)
+    a = b.randint(0, r - 1)
+    d = s[a]
+    if d < 2:
+        raise Skip("axis too short")
+    cuts = [0] + sorted(int(c) for c in b.rng.choice(range(1, d), size=min(d - 1, b.randint(1, 3)), replace=False)) + [d]
+    ranges = [(cuts[i], cuts[i + 1]) for i in range(len(cuts) - 1)]
+    if b.p(0.3):  # a hole
+        ranges.pop(b.randint(0, len(ranges) - 1))
+    if b.p(0.3):  # an overlapping one
+        st = b.randint(0, d - 1)
+        ranges.append((st, b.randint(st + 1, d)))
+    if b.p(0.2) and ranges:  # the same range twice
+        ranges.append(ranges[0])
+    b.rng.shuffle(ranges)
+    for st, en in ranges:
+        out = list(s)
+        out[a] = en - st
+        w_st = st - d if b.p(0.2) else st
+        w_en = INT64_MAX if en == d and b.p(0.3) else en
+        step = 2 if b.p(0.1) else 1
+        if step != 1:
+            out[a] = slice_len(d, st, en, step)
+        full_slice(b, x, [w_st], [w_en], [a - r if b.p(0.2) else a], [step], out)
+
+
+def pat_concat_slice(b: Builder) -> None:
+    x = b.pick_any(min_rank=1)
+    s = list(b.shape(x))
+    a = b.randint(0, len(s) - 1)
+    ins = [x] + [b.pick_one(concat_partners(b, x, a)) for _ in range(b.randint(1, 2))]
+    b.rng.shuffle(ins)
+    cat = b.node1("Concat", ins, b.elem(x), _concat_shape(b, ins, a), axis=a)
+    bounds = [0]
+    for n in ins:
+        bounds.append(bounds[-1] + b.shape(n)[a])
+    k = b.randint(0, len(ins) - 1)
+    st, en = bounds[k], bounds[k + 1]
+    if b.p(0.25):  # a near miss: part of a piece
+        en = max(st + 1, en - 1)
+    out = list(b.shape(cat))
+    out[a] = en - st
+    full_slice(b, cat, [st], [en], [a], [1], out)
+
+
+def pat_split_concat_pairs(b: Builder) -> None:
+    x = b.pick_any(min_rank=1)
+    s = list(b.shape(x))
+    r = len(s)
+    a = b.randint(0, r - 1)
+    if s[a] < 2:
+        raise Skip("axis too short")
+    k = b.randint(2, min(s[a], 4))
+    sizes = [1] * k if b.p(0.2) and s[a] <= 4 else random_parts(b, s[a], k)
+    k = len(sizes)
+    outs = [(b.elem(x), [sz if i == a else d for i, d in enumerate(s)]) for sz in sizes]
+    written = a - r if b.p(0.2) else a
+    parts = b.node("Split", [x, b.ints(sizes, "split")], outs, axis=written)
+    u = b.rng.random()
+    if u < 0.3:  # a run of pieces, maybe with an outside tensor
+        lo = b.randint(0, k - 2)
+        hi = b.randint(lo + 1, k - 1)
+        ins = parts[lo : hi + 1]
+        if b.p(0.5):
+            ins = ins + [b.pick_one(concat_partners(b, parts[0], a))]
+        b.node1("Concat", ins, b.elem(x), _concat_shape(b, ins, a), axis=written)
+    elif u < 0.5:  # pieces joined on another axis
+        a2 = b.randint(0, r - 1)
+        if all(b.shape(p) == b.shape(parts[0]) for p in parts):
+            b.node1("Concat", parts, b.elem(x), _concat_shape(b, parts, a2), axis=a2)
+    elif u < 0.65:  # a Split of a piece
+        p = b.randint(0, k - 1)
+        if sizes[p] >= 2:
+            sub = random_parts(b, sizes[p], 2)
+            b.node("Split", [parts[p], b.ints(sub, "split")],
+                   [(b.elem(x), [sz if i == a else d for i, d in enumerate(s)]) for sz in sub], axis=written)
+    elif u < 0.8:  # the same Split of another tensor, pieces combined pairwise
+        partners = [n for n in b.pool if b.shape(n) == tuple(s) and b.elem(n) == b.elem(x) and n != x]
+        if partners and b.elem(x) == FLOAT:
+            y = b.pick_one(partners)
+            parts2 = b.node("Split", [y, b.ints(sizes, "split")], outs, axis=written)
+            op = b.pick_one(["Add", "Mul", "Sub", "Div"]) if k == 1 or b.p(0.3) else b.pick_one(["Add", "Mul"])
+            if op == "Div":
+                raise Skip("division by a random tensor")
+            for p1, p2, o in zip(parts, parts2, outs):
+                b.node1(op, [p1, p2] if b.p(0.5) else [p2, p1], FLOAT, o[1])
+    else:  # a Concat undone by a Split, or pieces shuffled back together
+        if b.p(0.5):
+            cat = b.node1("Concat", parts, b.elem(x), s, axis=written)
+            b.node("Split", [cat, b.ints(sizes, "split")], outs, axis=written)
+        else:
+            order = list(parts)
+            b.rng.shuffle(order)
+            b.node1("Concat", order, b.elem(x), _concat_shape(b, order, a), axis=written)
+
+
+def pat_concat_chain(b: Builder) -> None:
+    x = b.pick_any(min_rank=1)
+    s = list(b.shape(x))
+    a = b.randint(0, len(s) - 1)
+    ins = [x, b.pick_one(concat_partners(b, x, a))]
+    c1 = b.node1("Concat", ins, b.elem(x), _concat_shape(b, ins, a), axis=a)
+    ins2 = [c1, x] if b.p(0.5) else [x, c1, c1]
+    b.node1("Concat", ins2, b.elem(x), _concat_shape(b, ins2, a), axis=a - len(s) if b.p(0.2) else a)
+
+
 PATTERNS: List[Tuple[Callable[[Builder], None], float]] = [
     (pat_transpose, 8),
     (pat_transpose_pair, 8),
@@ -1582,6 +1723,12 @@ PATTERNS: List[Tuple[Callable[[Builder], None], float]] = [
     (pat_conv_add, 1.5),
     (pat_const_chain, 2),
     (pat_identity_weight, 1.5),
+    # Slice, Split and Concat restructuring
+    (pat_slice_chain, 3),
+    (pat_parallel_slices, 3),
+    (pat_concat_slice, 2),
+    (pat_split_concat_pairs, 4),
+    (pat_concat_chain, 1.5),
 ]
 _WEIGHTS = np.array([w for _, w in PATTERNS], dtype=float)
 _WEIGHTS /= _WEIGHTS.sum()
