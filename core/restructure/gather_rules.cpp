@@ -86,12 +86,16 @@ RuleResult _p_fuse_two_gather(IR& ir, const NodeList& nodes, QuantTable* /*quant
   if (axis_0 < 0 && idx_0->ndim() != 1) return no_match();
   const auto picks = norm_indices(*idx_1, idx_0->shape()[0]);
   if (!picks) return no_match();
-  const auto new_idx = take_along(*idx_0, *picks, 0);
-  if (!new_idx) return no_match();
+  const auto taken = take_along(*idx_0, *picks, 0);
+  if (!taken) return no_match();
+  // Laid out as the second indices, each holding a row of the first.
+  Shape new_shape = idx_1->shape();
+  new_shape.insert(new_shape.end(), idx_0->shape().begin() + 1, idx_0->shape().end());
+  const NDArray new_idx = taken->reshaped(new_shape);
 
   NodePtr new_gather = gather_1->clone();
   const std::string idx_name = oper_name_join(ir, gather_1->input[1], "_fuse");
-  ir.set_const(idx_name, *new_idx);
+  ir.set_const(idx_name, new_idx);
   new_gather->input.assign({gather_0->input[0], idx_name});
   // The first Gather goes unless others still read it.
   if (only_read_by(ir, gather_0->output[0], *gather_1)) return {{gather_0, gather_1}, {new_gather}};
