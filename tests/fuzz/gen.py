@@ -1607,6 +1607,16 @@ def pat_concat_slice(b: Builder) -> None:
     bounds = [0]
     for n in ins:
         bounds.append(bounds[-1] + b.shape(n)[a])
+    if b.p(0.3):  # a Split into the same pieces (or, now and then, others)
+        sizes = [b.shape(n)[a] for n in ins]
+        if b.p(0.2) and bounds[-1] > 1:
+            sizes = random_parts(b, bounds[-1], min(len(ins), bounds[-1]))
+        outs = [(b.elem(x), [sz if i == a else d for i, d in enumerate(b.shape(cat))]) for sz in sizes]
+        pieces = b.node("Split", [cat, b.ints(sizes, "split")], outs, axis=a)
+        if b.elem(x) == FLOAT:  # readers, so that the pieces are no graph outputs
+            for p, (_, ps) in zip(pieces, outs):
+                b.node1("Relu", [p], FLOAT, ps)
+        return
     k = b.randint(0, len(ins) - 1)
     st, en = bounds[k], bounds[k + 1]
     if b.p(0.25):  # a near miss: part of a piece
@@ -1677,6 +1687,57 @@ def pat_concat_chain(b: Builder) -> None:
     b.node1("Concat", ins2, b.elem(x), _concat_shape(b, ins2, a), axis=a - len(s) if b.p(0.2) else a)
 
 
+def pat_gather_restructure(b: Builder) -> None:
+    """Gathers that fold into their neighbours: of a Gather on the same axis,
+    on the channels of a Conv, on two axes a Reshape merges; and pools that
+    only pick every n-th row."""
+    u = b.rng.random()
+    if u < 0.3:
+        x = b.pick_any(min_rank=1)
+        s = b.shape(x)
+        a = b.randint(0, len(s) - 1)
+        ind = gather_indices(b, s[a])
+        if ind.ndim == 0:
+            ind = ind.reshape(1)
+        out = list(s[:a]) + list(ind.shape) + list(s[a + 1 :])
+        y = b.node1("Gather", [x, b.ints(ind, "idx")], b.elem(x), out, axis=a)
+        ind2 = gather_indices(b, out[a])
+        out2 = list(out[:a]) + list(ind2.shape) + list(out[a + 1 :])
+        b.node1("Gather", [y, b.ints(ind2, "idx")], b.elem(x), out2, axis=a - len(out) if b.p(0.2) else a)
+    elif u < 0.55:
+        x = b.pick_float(rank=4)
+        s = b.shape(x)
+        m = b.randint(2, 6)
+        k = b.pick_one([1, 3])
+        w = b.rng.standard_normal((m, s[1], k, k)).astype(np.float32) / 3
+        ins = [x, b.const(w, "w")] + ([b.const(b.rng.standard_normal(m).astype(np.float32), "bias")] if b.p(0.5) else [])
+        c = b.node1("Conv", ins, FLOAT, [s[0], m, s[2], s[3]], kernel_shape=[k, k], pads=[k // 2] * 4)
+        ind = b.rng.integers(-m, m, b.randint(1, m + 1)).astype(np.int64)
+        b.node1("Gather", [c, b.ints(ind, "idx")], FLOAT, [s[0], len(ind), s[2], s[3]], axis=1)
+    elif u < 0.75:
+        x = b.pick_any(min_rank=2)
+        s = list(b.shape(x))
+        a = b.randint(0, len(s) - 2)
+        i0 = b.rng.choice(s[a], size=b.randint(1, s[a]), replace=False).astype(np.int64)
+        i1 = b.rng.choice(s[a + 1], size=b.randint(1, s[a + 1]), replace=False).astype(np.int64)
+        first, second = (a, a + 1) if b.p(0.5) else (a + 1, a)
+        ia, ib = (i0, i1) if first == a else (i1, i0)
+        o1 = list(s)
+        o1[first] = len(ia)
+        g = b.node1("Gather", [x, b.ints(ia, "idx")], b.elem(x), o1, axis=first)
+        o2 = list(o1)
+        o2[second] = len(ib)
+        g2 = b.node1("Gather", [g, b.ints(ib, "idx")], b.elem(x), o2, axis=second)
+        target = o2[:a] + [o2[a] * o2[a + 1]] + o2[a + 2 :]
+        reshape(b, g2, target)
+    else:
+        x = b.pick_float(rank=4)
+        s = b.shape(x)
+        st = b.pick_one([[1, 2], [2, 1], [1, 3]])
+        out = [s[0], s[1], (s[2] - 1) // st[0] + 1, (s[3] - 1) // st[1] + 1]
+        b.node1(b.pick_one(["MaxPool", "AveragePool"]), [x], FLOAT, out, kernel_shape=[1, 1], strides=st, pads=[0] * 4)
+
+
 PATTERNS: List[Tuple[Callable[[Builder], None], float]] = [
     (pat_transpose, 8),
     (pat_transpose_pair, 8),
@@ -1729,6 +1790,7 @@ PATTERNS: List[Tuple[Callable[[Builder], None], float]] = [
     (pat_concat_slice, 2),
     (pat_split_concat_pairs, 4),
     (pat_concat_chain, 1.5),
+    (pat_gather_restructure, 3),
 ]
 _WEIGHTS = np.array([w for _, w in PATTERNS], dtype=float)
 _WEIGHTS /= _WEIGHTS.sum()
