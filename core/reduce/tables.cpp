@@ -64,8 +64,8 @@ const std::vector<ProcEntry>& registry() {
       {"_p_fuse_conv_gather", _p_fuse_conv_gather},
       {"_p_fuse_exmatmul_gather", _p_fuse_exmatmul_gather},
       {"_p_replace_step_pick_pool_to_gather", _p_replace_step_pick_pool_to_gather},
-      {"_p_relocate_tp_rs_split_axis", nullptr},
-      {"_p_relocate_rs_split_axis", nullptr},
+      {"_p_relocate_tp_rs_split_axis", _p_relocate_tp_rs_split_axis},
+      {"_p_relocate_rs_split_axis", _p_relocate_rs_split_axis},
       // Layout optimisation
       {"_p_reduce_tp_in_mesh", _p_reduce_tp_in_mesh},
       {"_p_reduce_tp_in_mesh_forward", _p_reduce_tp_in_mesh_forward},

@@ -48,4 +48,12 @@ RuleResult _p_convert_tile_to_concat(IR& ir, const NodeList& nodes, QuantTable* 
 // A Resize of a 1x1 map is two Concat nodes of copies.
 RuleResult _p_convert_resize_to_concat(IR& ir, const NodeList& nodes, QuantTable* quant_tab);
 
+// Split-axis relocation (split_axis_relocation.cpp).
+// An equal-parts Split on a spatial axis behind a Reshape moves to the
+// channels, so that the Reshape moves no data.
+RuleResult _p_relocate_rs_split_axis(IR& ir, const NodeList& nodes, QuantTable* quant_tab);
+// Transpose, Reshape, Split becomes Reshape, Transpose, Split on the axis
+// the split axis comes from.
+RuleResult _p_relocate_tp_rs_split_axis(IR& ir, const NodeList& nodes, QuantTable* quant_tab);
+
 }  // namespace tolm

@@ -1738,6 +1738,51 @@ def pat_gather_restructure(b: Builder) -> None:
         b.node1(b.pick_one(["MaxPool", "AveragePool"]), [x], FLOAT, out, kernel_shape=[1, 1], strides=st, pads=[0] * 4)
 
 
+def pat_split_relocation(b: Builder) -> None:
+    """A Split behind a Reshape: after a Transpose, or after a Conv on a
+    spatial axis of a map whose channels change."""
+    if b.p(0.5):
+        x = b.pick_any(min_rank=3)
+        s = list(b.shape(x))
+        r = len(s)
+        perm = random_perm(b, r)
+        s1 = [s[p] for p in perm]
+        k = b.randint(0, r - 2)
+        s2 = s1[:k] + [s1[k] * s1[k + 1]] + s1[k + 2 :]
+        t = b.node1("Transpose", [x], b.elem(x), s1, perm=perm)
+        y = reshape(b, t, s2)
+        d = s2[k]
+        if d < 2:
+            raise Skip("axis too short")
+        # Units of the leading merged axis are what the Split can follow
+        # across the Transpose; other unit sizes are near misses.
+        g = s1[k + 1] if b.p(0.6) else b.pick_one([g for g in range(1, d + 1) if d % g == 0])
+        u = d // g
+        if u < 2:
+            raise Skip("one unit")
+        units = random_parts(b, u, b.randint(2, min(u, 3))) if b.p(0.5) else [1] * u
+        sizes = [n * g for n in units]
+        outs = [(b.elem(x), [sz if i == k else dd for i, dd in enumerate(s2)]) for sz in sizes]
+        pieces = b.node("Split", [y, b.ints(sizes, "split")], outs, axis=k)
+        for pc, (e, ps) in zip(pieces, outs):
+            if e == FLOAT:
+                b.node1("Relu", [pc], FLOAT, ps)
+    else:
+        x = b.pick_float(rank=4)
+        s = b.shape(x)
+        m = b.pick_one([8, 16, 32])
+        w = b.rng.standard_normal((m, s[1], 1, 1)).astype(np.float32) / 3
+        c = b.node1("Conv", [x, b.const(w, "w")], FLOAT, [s[0], m, s[2], s[3]])
+        rate = 2
+        target = [s[0], m // rate, s[2] * rate, s[3]] if b.p(0.5) else [s[0], m // rate, s[2], s[3] * rate]
+        y = reshape(b, c, target)
+        a = b.pick_one([2, 3])
+        sizes = [target[a] // rate] * rate
+        outs = [(FLOAT, [sz if i == a else dd for i, dd in enumerate(target)]) for sz in sizes]
+        for pc, (_, ps) in zip(b.node("Split", [y, b.ints(sizes, "split")], outs, axis=a), outs):
+            b.node1("Relu", [pc], FLOAT, ps)
+
+
 PATTERNS: List[Tuple[Callable[[Builder], None], float]] = [
     (pat_transpose, 8),
     (pat_transpose_pair, 8),
@@ -1791,6 +1836,7 @@ PATTERNS: List[Tuple[Callable[[Builder], None], float]] = [
     (pat_split_concat_pairs, 4),
     (pat_concat_chain, 1.5),
     (pat_gather_restructure, 3),
+    (pat_split_relocation, 3),
 ]
 _WEIGHTS = np.array([w for _, w in PATTERNS], dtype=float)
 _WEIGHTS /= _WEIGHTS.sum()
