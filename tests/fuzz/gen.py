@@ -1634,7 +1634,7 @@ def pat_split_concat_pairs(b: Builder) -> None:
     if s[a] < 2:
         raise Skip("axis too short")
     k = b.randint(2, min(s[a], 4))
-    sizes = [1] * k if b.p(0.2) and s[a] <= 4 else random_parts(b, s[a], k)
+    sizes = [1] * s[a] if b.p(0.2) and s[a] <= 4 else random_parts(b, s[a], k)
     k = len(sizes)
     outs = [(b.elem(x), [sz if i == a else d for i, d in enumerate(s)]) for sz in sizes]
     written = a - r if b.p(0.2) else a
@@ -1777,6 +1777,8 @@ def pat_split_relocation(b: Builder) -> None:
         target = [s[0], m // rate, s[2] * rate, s[3]] if b.p(0.5) else [s[0], m // rate, s[2], s[3] * rate]
         y = reshape(b, c, target)
         a = b.pick_one([2, 3])
+        if target[a] % rate:
+            raise Skip("axis does not divide")
         sizes = [target[a] // rate] * rate
         outs = [(FLOAT, [sz if i == a else dd for i, dd in enumerate(target)]) for sz in sizes]
         for pc, (_, ps) in zip(b.node("Split", [y, b.ints(sizes, "split")], outs, axis=a), outs):
