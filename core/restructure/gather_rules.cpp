@@ -185,10 +185,8 @@ RuleResult _p_fuse_conv_gather(IR& ir, const NodeList& nodes, QuantTable* /*quan
   if (gather_indices->ndim() != 1) return no_match();
   const auto conv_kernel = IR::get_attr_ints(*conv, "kernel_shape");
   const NDArray* weight = ir.get_const(conv->input[1]);
-  const Ints kernel = conv_kernel ? *conv_kernel : Ints(weight->shape().begin() + std::min<size_t>(2, weight->ndim()),
-                                                        weight->shape().end());
   const auto n = static_cast<double>(gather_indices->size());
-  if (kernel != Ints{1, 1} && n > static_cast<double>(conv_out_shape[1]) * 1.2) return no_match();
+  if (conv_kernel != Ints{1, 1} && n > static_cast<double>(conv_out_shape[1]) * 1.2) return no_match();
   const auto picks = norm_indices(*gather_indices, conv_out_shape[1]);
   if (!picks) return no_match();
   const auto new_weight = take_along(*weight, *picks, 0);
