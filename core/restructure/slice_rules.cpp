@@ -6,6 +6,7 @@
 #include <limits>
 #include <optional>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "host/edit.h"
@@ -182,6 +183,18 @@ std::vector<size_t> find_max_length_gourp(const std::vector<Candidate>& cands, i
   return chain;
 }
 
+// A tensor with many Slice readers none of which line up: every candidate
+// would find the same overlapping set (or a part of it) and give up too, so
+// on a wide tensor they rest for the rest of the driver's round instead of
+// each scanning all readers again.
+void pause_candidates(IR& ir, const std::string& t, const std::vector<Candidate>& cands) {
+  if (ir.use_count(t) <= IR::kWideFanOut) return;
+  std::vector<std::string>& list = ir.op_ruler_pause["replace_parallel_slice_by_split"];
+  std::unordered_set<std::string> known(list.begin(), list.end());
+  for (const Candidate& c : cands)
+    if (known.insert(c.node->name()).second) list.push_back(c.node->name());
+}
+
 }  // namespace
 
 RuleResult _p_replace_parallel_slice_by_split(IR& ir, const NodeList& nodes, QuantTable* /*quant_tab*/) {
@@ -237,6 +250,7 @@ RuleResult _p_replace_parallel_slice_by_split(IR& ir, const NodeList& nodes, Qua
                    [](const Candidate& a, const Candidate& b) { return a.start < b.start; });
 
   std::vector<std::vector<Candidate>> group_slices;
+  const std::vector<Candidate> all_candidates = slices;
   while (!slices.empty()) {
     const std::vector<size_t> indexs = find_max_length_gourp(slices, slices[0].start);
     if (indexs.size() < 2) break;  // what is left overlaps pairwise: groups of one
@@ -246,7 +260,10 @@ RuleResult _p_replace_parallel_slice_by_split(IR& ir, const NodeList& nodes, Qua
     for (auto it = indexs.rbegin(); it != indexs.rend(); ++it)
       slices.erase(slices.begin() + static_cast<std::ptrdiff_t>(*it));
   }
-  if (group_slices.empty()) return no_match();
+  if (group_slices.empty()) {
+    pause_candidates(ir, inp, all_candidates);
+    return no_match();
+  }
 
   NodeList new_splits, rm_slices;
   std::vector<std::string> taken;  // names handed out, not yet in the graph

@@ -438,3 +438,17 @@ def test_fuse_split_split_elements_op_refuses_a_piece_read_twice():
     m.graph.output.extend([m.graph.output[0]])
     m.graph.output[-1].name = "z"
     assert call_rule(m, "_p_fuse_split_split_elements_op", ["sp1"]) == ([], [], None)
+
+
+def test_wide_tensor_of_overlapping_slices_still_splits_what_lines_up():
+    # 100 slices on axis 1 that overlap pairwise rest for the round once the
+    # first of them finds nothing; two slices on axis 0 still become a Split.
+    parts = [sl("x", f"p{k}", [k], [k + 100], [1], [1], f"s{k}") for k in range(100)]
+    parts += [sl("x", "q0", [0], [2], [0], [1], "t0"), sl("x", "q1", [2], [4], [0], [1], "t1")]
+    outputs = {f"p{k}": None for k in range(100)}
+    outputs.update({"q0": None, "q1": None})
+    ir = IRGraph(model_of(parts, {"x": [4, 200]}, outputs))
+    stats = reduce.run_reduce(ir)
+    assert stats["fired"].get("replace_parallel_slice_by_split") == 1
+    (split,) = split_nodes(ir.to_onnx())
+    assert list(split.output) == ["q0", "q1"]
