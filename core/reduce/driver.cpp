@@ -199,7 +199,8 @@ class Matcher {
 
   bool chain(NodeList& nodes) {
     if (nodes.size() == row_.ops.size()) return offer(nodes);
-    const NodePtr& last = nodes.back();
+    // A copy: pushing onto `nodes` below may move its elements.
+    const NodePtr last = nodes.back();
     const std::string& want = row_.ops[nodes.size()];
     for (const NodePtr& next : ir_.next_nodes(*last)) {
       if (next->op_type() != want) continue;

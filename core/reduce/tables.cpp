@@ -5,6 +5,7 @@
 #include "chains/chains.h"
 #include "dead/dead.h"
 #include "layout/layout.h"
+#include "restructure/restructure.h"
 #include "scatternd/scatternd.h"
 
 namespace tolm {
@@ -30,8 +31,8 @@ const std::vector<ProcEntry>& registry() {
       {"_p_convert_gather_to_reshape", _p_convert_gather_to_reshape},
       {"_p_convert_gather_to_slice_reshape", _p_convert_gather_to_slice_reshape},
       {"_p_convert_transpose_to_reshape", _p_convert_transpose_to_reshape},
-      {"_p_convert_tile_to_concat", nullptr},
-      {"_p_convert_resize_to_concat", nullptr},
+      {"_p_convert_tile_to_concat", _p_convert_tile_to_concat},
+      {"_p_convert_resize_to_concat", _p_convert_resize_to_concat},
       {"_p_replace_inner_dim_shuffle_to_gather", _p_replace_inner_dim_shuffle_to_gather},
       {"_p_remove_top_reshape", _p_remove_top_reshape},
       {"_p_convert_rs_elements_rs_to_rs_gather_elements", _p_convert_rs_elements_rs_to_rs_gather_elements},
@@ -42,16 +43,16 @@ const std::vector<ProcEntry>& registry() {
       {"_p_merge_inner_math_op_in_split_concat", _p_merge_inner_math_op_in_split_concat},
       {"_p_merge_parallel_slice_exnorm", _p_merge_parallel_slice_exnorm},
       // Split, concat, slice and gather restructuring
-      {"_p_fuse_two_slice", nullptr},
-      {"_p_replace_parallel_slice_by_split", nullptr},
-      {"_p_remove_concat_slice", nullptr},
-      {"_p_remove_concat_split", nullptr},
-      {"_p_fuse_split_concat", nullptr},
-      {"_p_fuse_split_split", nullptr},
-      {"_p_replace_split_concat_by_reshape", nullptr},
-      {"_p_fuse_two_concat", nullptr},
-      {"_p_fuse_dim_shuffle_split_concat_to_gather", nullptr},
-      {"_p_fuse_split_split_elements_op", nullptr},
+      {"_p_fuse_two_slice", _p_fuse_two_slice},
+      {"_p_replace_parallel_slice_by_split", _p_replace_parallel_slice_by_split},
+      {"_p_remove_concat_slice", _p_remove_concat_slice},
+      {"_p_remove_concat_split", _p_remove_concat_split},
+      {"_p_fuse_split_concat", _p_fuse_split_concat},
+      {"_p_fuse_split_split", _p_fuse_split_split},
+      {"_p_replace_split_concat_by_reshape", _p_replace_split_concat_by_reshape},
+      {"_p_fuse_two_concat", _p_fuse_two_concat},
+      {"_p_fuse_dim_shuffle_split_concat_to_gather", _p_fuse_dim_shuffle_split_concat_to_gather},
+      {"_p_fuse_split_split_elements_op", _p_fuse_split_split_elements_op},
       {"_p_remove_reshape_after_add", nullptr},
       {"_p_remove_reshape_before_add", nullptr},
       {"_p_remove_mul_before_add", nullptr},
@@ -59,13 +60,13 @@ const std::vector<ProcEntry>& registry() {
       {"_p_remove_reshape_after_concat", nullptr},
       {"_p_remove_reshape_after_split", nullptr},
       {"_p_remove_transpose_after_split", nullptr},
-      {"_p_fuse_two_gather", nullptr},
-      {"_p_fuse_gather_gather_reshape", nullptr},
-      {"_p_fuse_conv_gather", nullptr},
-      {"_p_fuse_exmatmul_gather", nullptr},
-      {"_p_replace_step_pick_pool_to_gather", nullptr},
-      {"_p_relocate_tp_rs_split_axis", nullptr},
-      {"_p_relocate_rs_split_axis", nullptr},
+      {"_p_fuse_two_gather", _p_fuse_two_gather},
+      {"_p_fuse_gather_gather_reshape", _p_fuse_gather_gather_reshape},
+      {"_p_fuse_conv_gather", _p_fuse_conv_gather},
+      {"_p_fuse_exmatmul_gather", _p_fuse_exmatmul_gather},
+      {"_p_replace_step_pick_pool_to_gather", _p_replace_step_pick_pool_to_gather},
+      {"_p_relocate_tp_rs_split_axis", _p_relocate_tp_rs_split_axis},
+      {"_p_relocate_rs_split_axis", _p_relocate_rs_split_axis},
       // Layout optimisation
       {"_p_reduce_tp_in_mesh", _p_reduce_tp_in_mesh},
       {"_p_reduce_tp_in_mesh_forward", _p_reduce_tp_in_mesh_forward},

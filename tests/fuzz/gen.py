@@ -1715,6 +1715,254 @@ def pat_scatternd_pair(b: Builder) -> None:
         b.node1("ScatterND", [flat, b.ints(np.asarray(si).reshape(n, 1), "si"), a], FLOAT, (H * S, D))
 
 
+# -- Slice, Split and Concat restructuring ------------------------------------
+# Pieces cut only to be joined again, slices side by side, slices of slices
+# and of concats: what the restructuring rules look for, and near misses.
+
+
+def full_slice(b: Builder, x: str, starts, ends, axes, steps, out: Sequence[int]) -> str:
+    """A Slice with all five operands, axes as written (negative ones too)."""
+    ins = [x, b.ints(starts, "starts"), b.ints(ends, "ends"), b.ints(axes, "axes"), b.ints(steps, "steps")]
+    return b.node1("Slice", ins, b.elem(x), out)
+
+
+def pat_slice_chain(b: Builder) -> None:
+    x = b.pick_any(min_rank=1)
+    s = list(b.shape(x))
+    r = len(s)
+    y, cur = x, list(s)
+    for _ in range(b.randint(2, 3)):
+        a = b.randint(0, r - 1)
+        st, en, sp = slice_axis(b, cur[a]) if b.p(0.3) else (0, cur[a], 1)
+        if sp == 1 and b.p(0.7):
+            st = b.randint(0, cur[a] - 1)
+            en = b.pick_one([b.randint(st + 1, cur[a]), cur[a] + b.randint(0, 4), INT64_MAX])
+        n = slice_len(cur[a], st, en, sp)
+        if n == 0:
+            raise Skip("empty slice")
+        cur = list(cur)
+        cur[a] = n
+        written = a - r if b.p(0.25) else a
+        y = full_slice(b, y, [st], [en], [written], [sp], cur)
+
+
+def pat_parallel_slices(b: Builder) -> None:
+    x = b.pick_any(min_rank=1)
+    s = list(b.shape(x))
+    r = len(s)
+    a = b.randint(0, r - 1)
+    d = s[a]
+    if d < 2:
+        raise Skip("axis too short")
+    cuts = [0] + sorted(int(c) for c in b.rng.choice(range(1, d), size=min(d - 1, b.randint(1, 3)), replace=False)) + [d]
+    ranges = [(cuts[i], cuts[i + 1]) for i in range(len(cuts) - 1)]
+    if b.p(0.3):  # a hole
+        ranges.pop(b.randint(0, len(ranges) - 1))
+    if b.p(0.3):  # an overlapping one
+        st = b.randint(0, d - 1)
+        ranges.append((st, b.randint(st + 1, d)))
+    if b.p(0.2) and ranges:  # the same range twice
+        ranges.append(ranges[0])
+    b.rng.shuffle(ranges)
+    for st, en in ranges:
+        out = list(s)
+        out[a] = en - st
+        w_st = st - d if b.p(0.2) else st
+        w_en = INT64_MAX if en == d and b.p(0.3) else en
+        step = 2 if b.p(0.1) else 1
+        if step != 1:
+            out[a] = slice_len(d, st, en, step)
+        full_slice(b, x, [w_st], [w_en], [a - r if b.p(0.2) else a], [step], out)
+
+
+def pat_concat_slice(b: Builder) -> None:
+    x = b.pick_any(min_rank=1)
+    s = list(b.shape(x))
+    a = b.randint(0, len(s) - 1)
+    ins = [x] + [b.pick_one(concat_partners(b, x, a)) for _ in range(b.randint(1, 2))]
+    b.rng.shuffle(ins)
+    cat = b.node1("Concat", ins, b.elem(x), _concat_shape(b, ins, a), axis=a)
+    bounds = [0]
+    for n in ins:
+        bounds.append(bounds[-1] + b.shape(n)[a])
+    if b.p(0.3):  # a Split into the same pieces (or, now and then, others)
+        sizes = [b.shape(n)[a] for n in ins]
+        if b.p(0.2) and bounds[-1] > 1:
+            sizes = random_parts(b, bounds[-1], min(len(ins), bounds[-1]))
+        outs = [(b.elem(x), [sz if i == a else d for i, d in enumerate(b.shape(cat))]) for sz in sizes]
+        pieces = b.node("Split", [cat, b.ints(sizes, "split")], outs, axis=a)
+        if b.elem(x) == FLOAT:  # readers, so that the pieces are no graph outputs
+            for p, (_, ps) in zip(pieces, outs):
+                b.node1("Relu", [p], FLOAT, ps)
+        return
+    k = b.randint(0, len(ins) - 1)
+    st, en = bounds[k], bounds[k + 1]
+    if b.p(0.25):  # a near miss: part of a piece
+        en = max(st + 1, en - 1)
+    out = list(b.shape(cat))
+    out[a] = en - st
+    full_slice(b, cat, [st], [en], [a], [1], out)
+
+
+def pat_split_concat_pairs(b: Builder) -> None:
+    x = b.pick_any(min_rank=1)
+    s = list(b.shape(x))
+    r = len(s)
+    a = b.randint(0, r - 1)
+    if s[a] < 2:
+        raise Skip("axis too short")
+    k = b.randint(2, min(s[a], 4))
+    sizes = [1] * s[a] if b.p(0.2) and s[a] <= 4 else random_parts(b, s[a], k)
+    k = len(sizes)
+    outs = [(b.elem(x), [sz if i == a else d for i, d in enumerate(s)]) for sz in sizes]
+    written = a - r if b.p(0.2) else a
+    parts = b.node("Split", [x, b.ints(sizes, "split")], outs, axis=written)
+    u = b.rng.random()
+    if u < 0.3:  # a run of pieces, maybe with an outside tensor
+        lo = b.randint(0, k - 2)
+        hi = b.randint(lo + 1, k - 1)
+        ins = parts[lo : hi + 1]
+        if b.p(0.5):
+            ins = ins + [b.pick_one(concat_partners(b, parts[0], a))]
+        b.node1("Concat", ins, b.elem(x), _concat_shape(b, ins, a), axis=written)
+    elif u < 0.5:  # pieces joined on another axis
+        a2 = b.randint(0, r - 1)
+        if all(b.shape(p) == b.shape(parts[0]) for p in parts):
+            b.node1("Concat", parts, b.elem(x), _concat_shape(b, parts, a2), axis=a2)
+    elif u < 0.65:  # a Split of a piece
+        p = b.randint(0, k - 1)
+        if sizes[p] >= 2:
+            sub = random_parts(b, sizes[p], 2)
+            b.node("Split", [parts[p], b.ints(sub, "split")],
+                   [(b.elem(x), [sz if i == a else d for i, d in enumerate(s)]) for sz in sub], axis=written)
+    elif u < 0.8:  # the same Split of another tensor, pieces combined pairwise
+        partners = [n for n in b.pool if b.shape(n) == tuple(s) and b.elem(n) == b.elem(x) and n != x]
+        if partners and b.elem(x) == FLOAT:
+            y = b.pick_one(partners)
+            parts2 = b.node("Split", [y, b.ints(sizes, "split")], outs, axis=written)
+            op = b.pick_one(["Add", "Mul", "Sub", "Div"]) if k == 1 or b.p(0.3) else b.pick_one(["Add", "Mul"])
+            if op == "Div":
+                raise Skip("division by a random tensor")
+            for p1, p2, o in zip(parts, parts2, outs):
+                b.node1(op, [p1, p2] if b.p(0.5) else [p2, p1], FLOAT, o[1])
+    else:  # a Concat undone by a Split, or pieces shuffled back together
+        if b.p(0.5):
+            cat = b.node1("Concat", parts, b.elem(x), s, axis=written)
+            b.node("Split", [cat, b.ints(sizes, "split")], outs, axis=written)
+        else:
+            order = list(parts)
+            b.rng.shuffle(order)
+            b.node1("Concat", order, b.elem(x), _concat_shape(b, order, a), axis=written)
+
+
+def pat_concat_chain(b: Builder) -> None:
+    x = b.pick_any(min_rank=1)
+    s = list(b.shape(x))
+    a = b.randint(0, len(s) - 1)
+    ins = [x, b.pick_one(concat_partners(b, x, a))]
+    c1 = b.node1("Concat", ins, b.elem(x), _concat_shape(b, ins, a), axis=a)
+    ins2 = [c1, x] if b.p(0.5) else [x, c1, c1]
+    b.node1("Concat", ins2, b.elem(x), _concat_shape(b, ins2, a), axis=a - len(s) if b.p(0.2) else a)
+
+
+def pat_gather_restructure(b: Builder) -> None:
+    """Gathers that fold into their neighbours: of a Gather on the same axis,
+    on the channels of a Conv, on two axes a Reshape merges; and pools that
+    only pick every n-th row."""
+    u = b.rng.random()
+    if u < 0.3:
+        x = b.pick_any(min_rank=1)
+        s = b.shape(x)
+        a = b.randint(0, len(s) - 1)
+        ind = gather_indices(b, s[a])
+        if ind.ndim == 0:
+            ind = ind.reshape(1)
+        out = list(s[:a]) + list(ind.shape) + list(s[a + 1 :])
+        y = b.node1("Gather", [x, b.ints(ind, "idx")], b.elem(x), out, axis=a)
+        ind2 = gather_indices(b, out[a])
+        out2 = list(out[:a]) + list(ind2.shape) + list(out[a + 1 :])
+        b.node1("Gather", [y, b.ints(ind2, "idx")], b.elem(x), out2, axis=a - len(out) if b.p(0.2) else a)
+    elif u < 0.55:
+        x = b.pick_float(rank=4)
+        s = b.shape(x)
+        m = b.randint(2, 6)
+        k = b.pick_one([1, 3])
+        w = b.rng.standard_normal((m, s[1], k, k)).astype(np.float32) / 3
+        ins = [x, b.const(w, "w")] + ([b.const(b.rng.standard_normal(m).astype(np.float32), "bias")] if b.p(0.5) else [])
+        c = b.node1("Conv", ins, FLOAT, [s[0], m, s[2], s[3]], kernel_shape=[k, k], pads=[k // 2] * 4)
+        ind = b.rng.integers(-m, m, b.randint(1, m + 1)).astype(np.int64)
+        b.node1("Gather", [c, b.ints(ind, "idx")], FLOAT, [s[0], len(ind), s[2], s[3]], axis=1)
+    elif u < 0.75:
+        x = b.pick_any(min_rank=2)
+        s = list(b.shape(x))
+        a = b.randint(0, len(s) - 2)
+        i0 = b.rng.choice(s[a], size=b.randint(1, s[a]), replace=False).astype(np.int64)
+        i1 = b.rng.choice(s[a + 1], size=b.randint(1, s[a + 1]), replace=False).astype(np.int64)
+        first, second = (a, a + 1) if b.p(0.5) else (a + 1, a)
+        ia, ib = (i0, i1) if first == a else (i1, i0)
+        o1 = list(s)
+        o1[first] = len(ia)
+        g = b.node1("Gather", [x, b.ints(ia, "idx")], b.elem(x), o1, axis=first)
+        o2 = list(o1)
+        o2[second] = len(ib)
+        g2 = b.node1("Gather", [g, b.ints(ib, "idx")], b.elem(x), o2, axis=second)
+        target = o2[:a] + [o2[a] * o2[a + 1]] + o2[a + 2 :]
+        reshape(b, g2, target)
+    else:
+        x = b.pick_float(rank=4)
+        s = b.shape(x)
+        st = b.pick_one([[1, 2], [2, 1], [1, 3]])
+        out = [s[0], s[1], (s[2] - 1) // st[0] + 1, (s[3] - 1) // st[1] + 1]
+        b.node1(b.pick_one(["MaxPool", "AveragePool"]), [x], FLOAT, out, kernel_shape=[1, 1], strides=st, pads=[0] * 4)
+
+
+def pat_split_relocation(b: Builder) -> None:
+    """A Split behind a Reshape: after a Transpose, or after a Conv on a
+    spatial axis of a map whose channels change."""
+    if b.p(0.5):
+        x = b.pick_any(min_rank=3)
+        s = list(b.shape(x))
+        r = len(s)
+        perm = random_perm(b, r)
+        s1 = [s[p] for p in perm]
+        k = b.randint(0, r - 2)
+        s2 = s1[:k] + [s1[k] * s1[k + 1]] + s1[k + 2 :]
+        t = b.node1("Transpose", [x], b.elem(x), s1, perm=perm)
+        y = reshape(b, t, s2)
+        d = s2[k]
+        if d < 2:
+            raise Skip("axis too short")
+        # Units of the leading merged axis are what the Split can follow
+        # across the Transpose; other unit sizes are near misses.
+        g = s1[k + 1] if b.p(0.6) else b.pick_one([g for g in range(1, d + 1) if d % g == 0])
+        u = d // g
+        if u < 2:
+            raise Skip("one unit")
+        units = random_parts(b, u, b.randint(2, min(u, 3))) if b.p(0.5) else [1] * u
+        sizes = [n * g for n in units]
+        outs = [(b.elem(x), [sz if i == k else dd for i, dd in enumerate(s2)]) for sz in sizes]
+        pieces = b.node("Split", [y, b.ints(sizes, "split")], outs, axis=k)
+        for pc, (e, ps) in zip(pieces, outs):
+            if e == FLOAT:
+                b.node1("Relu", [pc], FLOAT, ps)
+    else:
+        x = b.pick_float(rank=4)
+        s = b.shape(x)
+        m = b.pick_one([8, 16, 32])
+        w = b.rng.standard_normal((m, s[1], 1, 1)).astype(np.float32) / 3
+        c = b.node1("Conv", [x, b.const(w, "w")], FLOAT, [s[0], m, s[2], s[3]])
+        rate = 2
+        target = [s[0], m // rate, s[2] * rate, s[3]] if b.p(0.5) else [s[0], m // rate, s[2], s[3] * rate]
+        y = reshape(b, c, target)
+        a = b.pick_one([2, 3])
+        if target[a] % rate:
+            raise Skip("axis does not divide")
+        sizes = [target[a] // rate] * rate
+        outs = [(FLOAT, [sz if i == a else dd for i, dd in enumerate(target)]) for sz in sizes]
+        for pc, (_, ps) in zip(b.node("Split", [y, b.ints(sizes, "split")], outs, axis=a), outs):
+            b.node1("Relu", [pc], FLOAT, ps)
+
+
 PATTERNS: List[Tuple[Callable[[Builder], None], float]] = [
     (pat_transpose, 8),
     (pat_transpose_pair, 8),
@@ -1766,6 +2014,14 @@ PATTERNS: List[Tuple[Callable[[Builder], None], float]] = [
     (pat_parallel_before_concat, 2),
     (pat_inner_math, 2),
     (pat_scatternd_pair, 3),
+    # Slice, Split and Concat restructuring
+    (pat_slice_chain, 3),
+    (pat_parallel_slices, 3),
+    (pat_concat_slice, 2),
+    (pat_split_concat_pairs, 4),
+    (pat_concat_chain, 1.5),
+    (pat_gather_restructure, 3),
+    (pat_split_relocation, 3),
 ]
 _WEIGHTS = np.array([w for _, w in PATTERNS], dtype=float)
 _WEIGHTS /= _WEIGHTS.sum()
