@@ -3,6 +3,7 @@
 // when its output is a graph output, the surviving tensor's producer takes
 // over that name.
 #include <algorithm>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -37,10 +38,11 @@ bool is_int_dtype(const std::string& dtype) {
   return dtype == "int4" || dtype == "int6" || dtype == "int8" || dtype == "int16";
 }
 
-// Lowest and highest finite values of the 16-bit float type: clip bounds at or
-// beyond these cut nothing off.
-constexpr double kHalfLowest = -65504.0;
-constexpr double kHalfMax = 65504.0;
+// Clip bounds that cut nothing off: only the infinities. Bounds at the 16-bit
+// float limits (+-65504) would still turn a float32 value beyond them, or an
+// infinity of any float type, into the limit.
+constexpr double kNoLowerBound = -std::numeric_limits<double>::infinity();
+constexpr double kNoUpperBound = std::numeric_limits<double>::infinity();
 
 bool const_all(const NDArray* a, double v) { return a != nullptr && a->all_equal(v); }
 
@@ -64,10 +66,10 @@ bool dataconvert_is_invalid(const IR& ir, const Node& node, const std::string& i
 bool clip_is_invalid(const IR& ir, const Node& node) {
   if (node.input.size() <= 1) return false;
   if (node.input[1].empty() || !ir.is_const(node.input[1])) return false;
-  if (ir.get_const(node.input[1])->any_greater(kHalfLowest)) return false;
+  if (!const_all(ir.get_const(node.input[1]), kNoLowerBound)) return false;
   if (node.input.size() <= 2) return false;
   if (node.input[2].empty() || !ir.is_const(node.input[2])) return false;
-  if (ir.get_const(node.input[2])->any_less(kHalfMax)) return false;
+  if (!const_all(ir.get_const(node.input[2]), kNoUpperBound)) return false;
   return true;
 }
 

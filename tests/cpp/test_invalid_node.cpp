@@ -52,7 +52,8 @@ TEST(InvalidNodeOps, BypassedExactlyWhenOutputEqualsInput) {
       {"0 - x", {2, 3}, [](Chain& c) { c.const_f32("k", {0, 0, 0, 0, 0, 0}, {2, 3}); c.make("Sub", {"k", "p"}, {}, {2, 3}); }, nullptr},
       {"x * [1,1,2]", {2, 3}, [](Chain& c) { c.const_f32("k", {1, 1, 2}); c.make("Mul", {"p", "k"}, {}, {2, 3}); }, nullptr},
       {"x + x", {2, 3}, [](Chain& c) { c.make("Add", {"p", "x"}, {}, {2, 3}); }, nullptr},
-      // Clip at the 16-bit float limits.
+      // Clip at the 16-bit float limits still clamps larger float32 values and infinities.
+      {"clip at half limits", {4}, [](Chain& c) { c.const_f32("lo", {-65504}).const_f32("hi", {65504}); c.make("Clip", {"p", "lo", "hi"}, {}, {4}); }, nullptr},
       {"clip low bound inside", {4}, [](Chain& c) { c.const_f32("lo", {-65503}).const_f32("hi", {65504}); c.make("Clip", {"p", "lo", "hi"}, {}, {4}); }, nullptr},
       {"clip without bounds", {4}, [](Chain& c) { c.make("Clip", {"p"}, {}, {4}); }, nullptr},
       {"clip low bound only", {4}, [](Chain& c) { c.const_f32("lo", {-70000}); c.make("Clip", {"p", "lo"}, {}, {4}); }, nullptr},

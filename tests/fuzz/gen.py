@@ -440,7 +440,7 @@ def pat_activation(b: Builder) -> None:
 def pat_clip(b: Builder) -> None:
     x = b.pick_float()
     s = b.shape(x)
-    lo, hi = b.pick_one([(-65504.0, 65504.0), (0.0, 6.0), (-1.0, 1.0), (None, 6.0), (0.0, None), (None, None), (-65504.0, None), (-0.5, 0.5)])
+    lo, hi = b.pick_one([(-65504.0, 65504.0), (-np.inf, np.inf), (0.0, 6.0), (-1.0, 1.0), (None, 6.0), (0.0, None), (None, None), (-65504.0, None), (-0.5, 0.5)])
     ins = [x, "" if lo is None else b.const(np.float32(lo), "lo")]
     if hi is not None:
         ins.append(b.const(np.float32(hi), "hi"))
