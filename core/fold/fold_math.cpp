@@ -333,7 +333,7 @@ bool unary(Unary op, const NDArray& a, Outputs& out) {
       case Unary::kNeg: r = -x; break;
       case Unary::kAbs: r = xt::abs(x); break;
       case Unary::kSign: r = xt::sign(x); break;
-      case Unary::kRelu: r = xt::maximum(x, T(0)); break;
+      case Unary::kRelu: r = xt::where(x < T(0), T(0), x); break;  // NaN stays NaN, as the runtime has it
       case Unary::kFloor: r = xt::floor(x); break;
       case Unary::kCeil: r = xt::ceil(x); break;
       case Unary::kSqrt: r = xt::sqrt(x); break;
