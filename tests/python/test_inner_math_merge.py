@@ -17,11 +17,11 @@ def split_math_concat(ops, order=None, cat_axis=1, lens=(2, 3, 4), extra_cat=Fal
     nodes = [("Split", ["x", "len"], parts, {"name": "split", "axis": 1})]
     consts = {"len": list(lens)}
     cat_in = []
-    for k, spec in enumerate(ops):
-        if spec is None:
+    for k, entry in enumerate(ops):
+        if entry is None:
             cat_in.append(parts[k])
             continue
-        op, value, const_first = spec
+        op, value, const_first = entry
         consts[f"c{k}"] = np.array(value, F)
         ins = [f"c{k}", parts[k]] if const_first else [parts[k], f"c{k}"]
         nodes.append((op, ins, [f"m{k}"], {"name": f"math{k}"}))
