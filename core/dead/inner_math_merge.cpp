@@ -14,13 +14,6 @@
 namespace tolm {
 namespace {
 
-// The one reader of `t`, if it is read once and is no graph output.
-NodePtr single_reader(const IR& ir, const std::string& t) {
-  if (ir.is_output(t) || ir.use_count(t) != 1) return nullptr;
-  const NodeList next = ir.next_nodes(t);
-  return next.size() == 1 ? next[0] : nullptr;
-}
-
 std::optional<int64_t> axis_of(const Node& n, size_t rank, int64_t fallback_default) {
   const auto a = IR::get_attr_int(n, "axis");
   if (!a && fallback_default < 0) return std::nullopt;

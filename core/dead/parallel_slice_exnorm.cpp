@@ -8,16 +8,10 @@
 #include "dead/dead.h"
 #include "host/builder.h"
 #include "host/edit.h"
+#include "host/helpers.h"
 
 namespace tolm {
 namespace {
-
-// The one reader of `t`, if it is read once and is no graph output.
-NodePtr single_reader(const IR& ir, const std::string& t) {
-  if (ir.is_output(t) || ir.use_count(t) != 1) return nullptr;
-  const NodeList next = ir.next_nodes(t);
-  return next.size() == 1 ? next[0] : nullptr;
-}
 
 int64_t norm_axis(int64_t a, int64_t rank) { return a < 0 ? a + rank : a; }
 

@@ -138,6 +138,9 @@ ElemwiseConst get_elemwise_const(const IR& ir, const Node& node);
 // `t` is no graph output and no sub-graph reads it: a tensor a rule may drop,
 // rename or give another shape without anyone else noticing.
 bool only_read_by(const IR& ir, const std::string& t, const Node& reader);
+// The one node that reads `t`, in one slot, when `t` is no graph output;
+// null otherwise.
+NodePtr single_reader(const IR& ir, const std::string& t);
 // Op types of the node's producers and consumers, with how many neighbours
 // have each type.
 std::map<std::string, int64_t> get_op_type_around_node(const IR& ir, const Node& node);

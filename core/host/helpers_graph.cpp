@@ -70,6 +70,12 @@ bool only_read_by(const IR& ir, const std::string& t, const Node& reader) {
   return true;
 }
 
+NodePtr single_reader(const IR& ir, const std::string& t) {
+  if (ir.is_output(t) || ir.use_count(t) != 1) return nullptr;
+  const NodeList next = ir.next_nodes(t);
+  return next.size() == 1 ? next[0] : nullptr;
+}
+
 std::map<std::string, int64_t> get_op_type_around_node(const IR& ir, const Node& node) {
   std::map<std::string, int64_t> counts;
   for (const auto& n : ir.pre_nodes(node)) ++counts[n->op_type()];

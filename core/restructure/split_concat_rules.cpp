@@ -268,8 +268,7 @@ RuleResult _p_fuse_dim_shuffle_split_concat_to_gather(IR& ir, const NodeList& no
   std::vector<size_t> idx_from_split;
   for (const std::string& in : concat->input) {
     if (!is_output_of(*split, in)) return no_match();
-    for (size_t i = 0; i < split->output.size(); ++i)
-      if (split->output[i] == in) idx_from_split.push_back(i);
+    idx_from_split.push_back(std::find(split->output.begin(), split->output.end(), in) - split->output.begin());
   }
   const NodeList next_nodes = ir.next_nodes(*split);
   if (next_nodes.size() != 1 || next_nodes[0] != concat) return no_match();

@@ -151,11 +151,10 @@ bool pad_keeps_numbers(const PadPlan& plan, const NDArray& data_const, const Sha
 }  // namespace
 
 RuleResult _p_fuse_two_scatternd2(IR& ir, const NodeList& nodes, QuantTable*) {
-  if (nodes.size() < 2) return no_match();
+  auto pair = scatternd_detail::fusable_pair(ir, nodes);
+  if (!pair) return no_match();
   const NodePtr& scatternd_1 = nodes[0];
   const NodePtr& scatternd_2 = nodes[1];
-  auto pair = scatternd_detail::fusable_pair(ir, *scatternd_1, *scatternd_2);
-  if (!pair) return no_match();
   const ScatterPair& p = *pair;
   if (scatternd_detail::reduction_of(*scatternd_1) != "none") return no_match();
   const auto indices_concat_axis = scatternd_detail::side_by_side_axis(p);

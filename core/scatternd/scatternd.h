@@ -40,11 +40,12 @@ struct ScatterPair {
 // The reduction a ScatterND does, "none" when unset.
 std::string reduction_of(const Node& n);
 
-// The guards both pair fusions share: scatternd_2 writes over scatternd_1's
-// result, which no one else reads; data and updates are 4-D with known
-// shapes; indices of one rank, constant, of one row length, inside the data;
-// the same reduction. Absent when one fails.
-std::optional<ScatterPair> fusable_pair(const IR& ir, const Node& s1, const Node& s2);
+// The guards both pair fusions share, on the matched (scatternd_1,
+// scatternd_2): scatternd_2 writes over scatternd_1's result, which no one
+// else reads; data and updates are 4-D with known shapes; indices of one
+// rank, constant, of one row length, inside the data; the same reduction.
+// Absent when one fails.
+std::optional<ScatterPair> fusable_pair(const IR& ir, const NodeList& nodes);
 
 // The last axis below the index row axis on which the two index blocks fit
 // side by side within the data's size; absent if none.

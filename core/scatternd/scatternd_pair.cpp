@@ -12,7 +12,10 @@ std::string reduction_of(const Node& n) {
   return IR::get_attr_str(n, "reduction").value_or("none");
 }
 
-std::optional<ScatterPair> fusable_pair(const IR& ir, const Node& s1, const Node& s2) {
+std::optional<ScatterPair> fusable_pair(const IR& ir, const NodeList& nodes) {
+  if (nodes.size() < 2) return std::nullopt;
+  const Node& s1 = *nodes[0];
+  const Node& s2 = *nodes[1];
   if (s1.input.size() != 3 || s2.input.size() != 3 || s1.output.size() != 1) return std::nullopt;
   if (s1.output[0] != s2.input[0]) return std::nullopt;
   // scatternd_1 goes: its result must be for scatternd_2 alone.

@@ -56,11 +56,10 @@ bool zeros_at(const NDArray& data, const Shape& data_shape, const int64_t* row, 
 }  // namespace
 
 RuleResult _p_fuse_two_scatternd(IR& ir, const NodeList& nodes, QuantTable*) {
-  if (nodes.size() < 2) return no_match();
+  auto pair = scatternd_detail::fusable_pair(ir, nodes);
+  if (!pair) return no_match();
   const NodePtr& scatternd_1 = nodes[0];
   const NodePtr& scatternd_2 = nodes[1];
-  auto pair = scatternd_detail::fusable_pair(ir, *scatternd_1, *scatternd_2);
-  if (!pair) return no_match();
   const ScatterPair& p = *pair;
   const int64_t k = p.indices_1_shape.back();
   const int64_t rank = static_cast<int64_t>(p.indices_1_shape.size());

@@ -23,6 +23,16 @@ IDLE, GENERATING, REDUCING, CHECKING = 0, 1, 2, 3
 STAGE_NAMES = {IDLE: "idle", GENERATING: "generating", REDUCING: "reduce", CHECKING: "checking the reduced model"}
 
 
+
+def _run_threads(loop, jobs: int) -> None:
+    """Runs ``loop`` on ``jobs`` threads (each drives one worker) and waits."""
+    threads = [threading.Thread(target=loop, daemon=True) for _ in range(max(1, jobs))]
+    for t in threads:
+        t.start()
+    for t in threads:
+        t.join()
+
+
 def load_reducer(target: Optional[str]):
     """``module:function`` (a ModelProto -> ModelProto function), or None
     for tolm.reduce."""
@@ -261,11 +271,7 @@ def run_seeds(
         finally:
             worker.close()
 
-    threads = [threading.Thread(target=loop, daemon=True) for _ in range(max(1, jobs))]
-    for t in threads:
-        t.start()
-    for t in threads:
-        t.join()
+    _run_threads(loop, jobs)
     if errors and not results:
         raise errors[0]
     return sorted(results, key=lambda r: r.seed)
@@ -332,8 +338,4 @@ def shrink_all(
         finally:
             worker.close()
 
-    threads = [threading.Thread(target=loop, daemon=True) for _ in range(max(1, jobs))]
-    for t in threads:
-        t.start()
-    for t in threads:
-        t.join()
+    _run_threads(loop, jobs)

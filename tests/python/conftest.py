@@ -23,6 +23,10 @@ except ImportError:  # running from the source tree
     sys.path.insert(0, str(ROOT / "python"))
     import tolm  # noqa: F401
 
+# Random inputs are drawn the way the fuzzer draws them.
+sys.path.insert(0, str(ROOT / "tests" / "fuzz"))
+from check import make_feeds  # noqa: E402
+
 PYTHON_DIR = str(Path(tolm.__file__).resolve().parents[1])
 
 def _vi(name: str, desc) -> onnx.ValueInfoProto:
@@ -70,22 +74,7 @@ def make_model(
 
 
 def random_feeds(model: onnx.ModelProto, seed: int = 0) -> Dict[str, np.ndarray]:
-    rng = np.random.default_rng(seed)
-    feeds = {}
-    inits = {i.name for i in model.graph.initializer}
-    for vi in model.graph.input:
-        if vi.name in inits:
-            continue
-        tt = vi.type.tensor_type
-        shape = [d.dim_value if d.dim_value > 0 else 1 for d in tt.shape.dim]
-        dtype = helper.tensor_dtype_to_np_dtype(tt.elem_type)
-        if np.issubdtype(dtype, np.floating):
-            feeds[vi.name] = rng.standard_normal(shape).astype(dtype)
-        elif dtype == np.bool_:
-            feeds[vi.name] = rng.random(shape) < 0.5
-        else:
-            feeds[vi.name] = rng.integers(0, 3, size=shape).astype(dtype)
-    return feeds
+    return make_feeds(model, seed)
 
 
 def run_ort(model: onnx.ModelProto, feeds: Dict[str, np.ndarray]) -> Dict[str, np.ndarray]:

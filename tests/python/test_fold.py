@@ -225,15 +225,19 @@ def test_fusion_keeps_a_graph_output_between_its_nodes():
     assert ops(reduced) == ["Mul", "Mul"]
 
 
-@pytest.mark.parametrize("gemm", [False, True])
-def test_matmul_add_into_gemm_only_on_request(gemm):
-    m = make_model(
+def matmul_add_model() -> onnx.ModelProto:
+    return make_model(
         [("MatMul", ["x", "W"], ["mm"]), ("Add", ["mm", "B"], ["y"])],
         inputs={"x": [3, 4]},
         outputs={"y": [3, 5]},
         consts={"W": w(4, 5), "B": w(5)},
         opset=17,
     )
+
+
+@pytest.mark.parametrize("gemm", [False, True])
+def test_matmul_add_into_gemm_only_on_request(gemm):
+    m = matmul_add_model()
     reduced, report = reduced_ok(m, matmul_add_to_gemm=gemm)
     assert ops(reduced) == (["Gemm"] if gemm else ["Add", "MatMul"])
 
@@ -275,13 +279,7 @@ def test_report_names_folded_ops_and_fusions():
 
 @pytest.mark.parametrize("flag, fused", [([], False), (["--matmul-add-to-gemm"], True)])
 def test_cli_switches(tmp_model, tmp_path, flag, fused):
-    m = make_model(
-        [("MatMul", ["x", "W"], ["mm"]), ("Add", ["mm", "B"], ["y"])],
-        inputs={"x": [3, 4]},
-        outputs={"y": [3, 5]},
-        consts={"W": w(4, 5), "B": w(5)},
-        opset=17,
-    )
+    m = matmul_add_model()
     out = tmp_path / "out.onnx"
     p = run_cli(tmp_model(m), "-o", str(out), *flag)
     assert p.returncode == 0, p.stderr
