@@ -88,7 +88,9 @@ RuleResult _p_merge_inner_math_op_in_split_concat(IR& ir, const NodeList& nodes,
     target_op_type = t;
   }
   if (target_op_type.empty()) return no_match();
-  const double blank_value = target_op_type == "Add" || target_op_type == "Sub" ? 0.0 : 1.0;
+  // Parts that went straight through get the value that changes nothing,
+  // signed zeros included: x + (-0) and x - (+0) are exact, x + (+0) is not.
+  const double blank_value = target_op_type == "Add" ? -0.0 : target_op_type == "Sub" ? 0.0 : 1.0;
 
   const std::vector<int64_t> split_len = get_split_split(ir, *split);
   if (split_len.size() != split->output.size()) return no_match();

@@ -3,6 +3,7 @@
 // when its output is a graph output, the surviving tensor's producer takes
 // over that name.
 #include <algorithm>
+#include <cmath>
 #include <limits>
 #include <string>
 #include <vector>
@@ -45,6 +46,16 @@ constexpr double kNoLowerBound = -std::numeric_limits<double>::infinity();
 constexpr double kNoUpperBound = std::numeric_limits<double>::infinity();
 
 bool const_all(const NDArray* a, double v) { return a != nullptr && a->all_equal(v); }
+
+// Adding zeros leaves float data exactly as it is only with zeros of the
+// right sign: -0 + +0 is +0, and a later division tells the two apart (-inf
+// against +inf). x + (-0) and x - (+0) are exact; integer zeros carry no sign.
+bool adds_nothing(const NDArray& c, bool negative_zero) {
+  if (!c.all_equal(0.0)) return false;
+  if (!dtype_is_float(c.dtype())) return true;
+  const std::vector<double> v = c.to_f64();
+  return std::all_of(v.begin(), v.end(), [&](double z) { return std::signbit(z) == negative_zero; });
+}
 
 bool dataconvert_is_invalid(const IR& ir, const Node& node, const std::string& input0,
                             const std::string& output0, const QuantTable* quant_tab) {
@@ -180,9 +191,9 @@ RuleResult _p_remove_invalid_node(IR& ir, const NodeList& nodes, QuantTable* qua
       const_idx = 1;
       if (cst == nullptr) return no_match();
     }
-    if (op == "Add" && !cst->all_equal(0.0)) return no_match();
+    if (op == "Add" && !adds_nothing(*cst, /*negative_zero=*/true)) return no_match();
     // 0 - x negates x.
-    if (op == "Sub" && (const_idx == 0 || !cst->all_equal(0.0))) return no_match();
+    if (op == "Sub" && (const_idx == 0 || !adds_nothing(*cst, /*negative_zero=*/false))) return no_match();
     if (op == "Mul" && !cst->all_equal(1.0)) return no_match();
   } else if (op == "Clip") {
     if (!clip_is_invalid(ir, *node)) return no_match();

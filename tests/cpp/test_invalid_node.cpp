@@ -48,7 +48,9 @@ TEST(InvalidNodeOps, BypassedExactlyWhenOutputEqualsInput) {
       {"cast scalar to own type", {}, [](Chain& c) { c.make("Cast", {"p"}, {{"to", dt::FLOAT}}, {}); }, "p"},
       {"cast to other type", {}, [](Chain& c) { c.make("Cast", {"p"}, {{"to", dt::INT32}}, {}); }, nullptr},
       // Neutral constants, on either side.
-      {"x + 0", {2, 3}, [](Chain& c) { c.const_f32("k", {0, 0, 0}); c.make("Add", {"p", "k"}, {}, {2, 3}); }, "p"},
+      {"x + -0", {2, 3}, [](Chain& c) { c.const_f32("k", {-0.0f, -0.0f, -0.0f}); c.make("Add", {"p", "k"}, {}, {2, 3}); }, "p"},
+      // -0 + +0 is +0: not the input.
+      {"x + +0", {2, 3}, [](Chain& c) { c.const_f32("k", {0, 0, 0}); c.make("Add", {"p", "k"}, {}, {2, 3}); }, nullptr},
       {"0 - x", {2, 3}, [](Chain& c) { c.const_f32("k", {0, 0, 0, 0, 0, 0}, {2, 3}); c.make("Sub", {"k", "p"}, {}, {2, 3}); }, nullptr},
       {"x * [1,1,2]", {2, 3}, [](Chain& c) { c.const_f32("k", {1, 1, 2}); c.make("Mul", {"p", "k"}, {}, {2, 3}); }, nullptr},
       {"x + x", {2, 3}, [](Chain& c) { c.make("Add", {"p", "x"}, {}, {2, 3}); }, nullptr},

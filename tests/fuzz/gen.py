@@ -1591,9 +1591,9 @@ def _parallel_op(b: Builder, x: str, op: str, axis: int, shared: dict) -> str:
     return b.node1("Gather", [x, idx], e, out, axis=g)
 
 
-def pat_parallel_after_split(b: Builder) -> None:
-    """A Split whose parts each go through the same op (mostly), maybe back
-    into a Concat."""
+def split_somewhere(b: Builder):
+    """A float tensor split in two or more parts on a random axis: (tensor,
+    its shape, the axis, the parts)."""
     x = b.pick_float(min_rank=1)
     s = b.shape(x)
     axis = b.randint(0, len(s) - 1)
@@ -1602,6 +1602,13 @@ def pat_parallel_after_split(b: Builder) -> None:
     parts = split(b, x, axis)
     if len(parts) < 2:
         raise Skip("one part")
+    return x, s, axis, parts
+
+
+def pat_parallel_after_split(b: Builder) -> None:
+    """A Split whose parts each go through the same op (mostly), maybe back
+    into a Concat."""
+    _, _, axis, parts = split_somewhere(b)
     op = b.pick_one(PARALLEL_OPS)
     shared: dict = {}
     outs = []
@@ -1639,14 +1646,7 @@ def pat_parallel_before_concat(b: Builder) -> None:
 def pat_inner_math(b: Builder) -> None:
     """Split, scalar Add/Sub/Mul/Div on some parts, Concat back (maybe in
     another order, maybe on another axis)."""
-    x = b.pick_float(min_rank=1)
-    s = b.shape(x)
-    axis = b.randint(0, len(s) - 1)
-    if s[axis] < 2:
-        raise Skip("axis too short")
-    parts = split(b, x, axis)
-    if len(parts) < 2:
-        raise Skip("one part")
+    _, s, axis, parts = split_somewhere(b)
     op = b.pick_one(["Add", "Sub", "Mul", "Div"])
     outs = []
     for t in parts:

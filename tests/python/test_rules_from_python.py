@@ -37,7 +37,8 @@ INVALID = {
     "Slice": ([("Slice", ["x", "b", "e", "ax", "st"], ["a"], {"name": "t"})],
               {"b": [0], "e": [4], "ax": [2], "st": [1]}),
     # A constant first input must have the full shape: the shape test reads input 0.
-    "Add": ([("Add", ["z", "x"], ["a"], {"name": "t"})], {"z": np.zeros((2, 3, 4, 5), F)}),
+    # Only -0 is neutral for Add (and +0 for Sub): -0 + +0 is +0.
+    "Add": ([("Add", ["z", "x"], ["a"], {"name": "t"})], {"z": np.full((2, 3, 4, 5), -0.0, F)}),
     "Sub": ([("Sub", ["x", "z"], ["a"], {"name": "t"})], {"z": np.zeros((5,), F)}),
     "Mul": ([("Mul", ["one", "x"], ["a"], {"name": "t"})], {"one": np.ones((2, 3, 4, 5), F)}),
     "Expand": ([("Expand", ["x", "s"], ["a"], {"name": "t"})], {"s": [1, 1, 1, 1]}),
@@ -81,6 +82,13 @@ def test_remove_invalid_node_bypasses_every_op_type(op):
     removed, added, out = apply_rule(model, "_p_remove_invalid_node", ["t"])
     assert removed == ["t"] and added == []
     assert "t" not in [n.name for n in out.graph.node]
+
+
+@pytest.mark.parametrize("op, zero", [("Add", 0.0), ("Sub", -0.0)])
+def test_adding_a_zero_that_flips_negative_zero_stays(op, zero):
+    model = make_model([(op, ["x", "z"], ["a"], {"name": "t"}), ("Neg", ["a"], ["y"], {"name": "neg"})],
+                       X, {"y": [2, 3, 4, 5]}, {"z": np.full((5,), zero, F)})
+    assert apply_rule(model, "_p_remove_invalid_node", ["t"])[0] == []
 
 
 def test_invalid_node_before_graph_output_hands_its_name_to_the_producer():
