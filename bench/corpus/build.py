@@ -472,6 +472,71 @@ def build_kv_decoder(out: Path) -> dict:
             "source": "build.py --only kv_decoder"}
 
 
+def build_fused_qkv_attention(out: Path) -> dict:
+    """A two-layer encoder whose attention takes Q, K and V from one fused
+    projection (a Gemm on the token rows), written with onnx.helper: the
+    fused tensor is Split three ways and each part split into heads by a
+    Reshape and a Transpose, Q scaled by one value first. Layer 0 holds the
+    heads ahead of the head channels ([S, H, D]), layer 1 in the
+    [1, S, H, D] layout exporters write most."""
+    import numpy as np
+    from onnx import TensorProto, helper, numpy_helper
+
+    rng = np.random.default_rng(SEED)
+    E, H, D, S, F = 32, 4, 8, 6, 64
+    f32 = np.float32
+    nodes, inits = [], []
+
+    def const(name, arr):
+        inits.append(numpy_helper.from_array(np.asarray(arr), name))
+        return name
+
+    def node(op, ins, outs, **attrs):
+        nodes.append(helper.make_node(op, ins, outs, name=outs[0] + "_node", **attrs))
+        return outs[0]
+
+    def weight(*shape):
+        return (rng.standard_normal(shape) / np.sqrt(shape[0])).astype(f32)
+
+    const("shape_se", np.array([S, E], np.int64))
+    const("shape_bs3e", np.array([1, S, 3 * E], np.int64))
+    const("shape_bse", np.array([1, S, E], np.int64))
+    const("split_qkv", np.array([E, E, E], np.int64))
+    const("scale", np.array(1.0 / np.sqrt(D), f32))
+    x = "x"
+    for layer, heads_first in ((0, True), (1, False)):
+        p = f"l{layer}_"
+        rows = node("Reshape", [x, "shape_se"], [p + "rows"])
+        qkv = node("Gemm", [rows, const(p + "w_qkv", weight(E, 3 * E)), const(p + "b_qkv", weight(3 * E))],
+                   [p + "qkv_rows"])
+        qkv = node("Reshape", [qkv, "shape_bs3e"], [p + "qkv"])
+        q, k, v = (p + n for n in ("q", "k", "v"))
+        node("Split", [qkv, "split_qkv"], [q, k, v], axis=2)
+        q = node("Mul", [q, "scale"], [p + "q_scaled"])
+        head = const(p + "shape_heads", np.array([S, H, D] if heads_first else [1, S, H, D], np.int64))
+        perm, perm_k = ([1, 0, 2], [1, 2, 0]) if heads_first else ([0, 2, 1, 3], [0, 2, 3, 1])
+        tq = node("Transpose", [node("Reshape", [q, head], [p + "q_rs"])], [p + "q_tp"], perm=perm)
+        tk = node("Transpose", [node("Reshape", [k, head], [p + "k_rs"])], [p + "k_tp"], perm=perm_k)
+        tv = node("Transpose", [node("Reshape", [v, head], [p + "v_rs"])], [p + "v_tp"], perm=perm)
+        pr = node("Softmax", [node("MatMul", [tq, tk], [p + "scores"])], [p + "probs"], axis=-1)
+        ctx = node("Transpose", [node("MatMul", [pr, tv], [p + "ctx"])], [p + "ctx_tp"], perm=perm)
+        ctx = node("Reshape", [ctx, "shape_bse"], [p + "ctx_rs"])
+        o = node("MatMul", [ctx, const(p + "w_o", weight(E, E))], [p + "o"])
+        x = node("Add", [x, o], [p + "resid"])
+        f = node("Relu", [node("MatMul", [x, const(p + "w_f1", weight(E, F))], [p + "f1"])], [p + "f1_act"])
+        f = node("MatMul", [f, const(p + "w_f2", weight(F, E))], [p + "f2"])
+        x = node("Add", [x, f], [p + "out"])
+    graph = helper.make_graph(nodes, "fused_qkv_attention",
+                              [helper.make_tensor_value_info("x", TensorProto.FLOAT, [1, S, E])],
+                              [helper.make_tensor_value_info(x, TensorProto.FLOAT, [1, S, E])], initializer=inits)
+    model = helper.make_model(graph, opset_imports=[helper.make_opsetid("", OPSET)])
+    model.ir_version = 8
+    onnx.checker.check_model(model, full_check=True)
+    onnx.save(model, str(out))
+    return {"kind": "two-layer encoder with fused QKV projections (onnx.helper, random weights)",
+            "source": "build.py --only fused_qkv_attention"}
+
+
 BUILDERS = {
     "bert": build_bert,
     "gpt2": build_gpt2,
@@ -488,6 +553,7 @@ BUILDERS = {
     "ocr_rec": build_ocr_rec,
     "ddddocr_det": build_ddddocr_det,
     "kv_decoder": build_kv_decoder,
+    "fused_qkv_attention": build_fused_qkv_attention,
 }
 
 

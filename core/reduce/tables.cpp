@@ -2,6 +2,7 @@
 
 #include <unordered_map>
 
+#include "attention/attention.h"
 #include "chains/chains.h"
 #include "dead/dead.h"
 #include "layout/layout.h"
@@ -79,10 +80,10 @@ const std::vector<ProcEntry>& registry() {
       {"_p_remove_redundant_scatternd", _p_remove_redundant_scatternd},
       {"_p_fuse_to_reduction_scatternd", _p_fuse_to_reduction_scatternd},
       // Attention and transformer blocks
-      {"_p_fuse_multihead_attention_reshape_to_gather_split", nullptr},
-      {"_p_absorb_gather_into_attention_conv", nullptr},
-      {"_p_fuse_split_exmatmul_concat", nullptr},
-      {"_p_fuse_transformer_FFN_reshape", nullptr},
+      {"_p_fuse_multihead_attention_reshape_to_gather_split", _p_fuse_multihead_attention_reshape_to_gather_split},
+      {"_p_absorb_gather_into_attention_conv", _p_absorb_gather_into_attention_conv},
+      {"_p_fuse_split_exmatmul_concat", _p_fuse_split_exmatmul_concat},
+      {"_p_fuse_transformer_FFN_reshape", _p_fuse_transformer_FFN_reshape},
       // Small operator fusions
       {"_p_fuse_focus_slice", nullptr},
       {"_p_fuse_focus_slice2", nullptr},

@@ -1963,6 +1963,98 @@ def pat_split_relocation(b: Builder) -> None:
             b.node1("Relu", [pc], FLOAT, ps)
 
 
+def pat_fused_qkv(b: Builder) -> None:
+    """Attention heads from one fused QKV projection: Split, per-path head
+    Reshape and Transpose, scores, Softmax, weighted V. Near misses: the heads
+    on the split axis, a per-channel scale, a second reader of a piece."""
+    x = b.pick_float(min_rank=2, max_rank=3)
+    s = b.shape(x)
+    seq, e = prod(s[:-1]), s[-1]
+    heads, d = b.randint(1, 3), b.randint(2, 4)
+    c = heads * d
+    layout = b.pick_one(["seq_heads", "seq_heads", "batch_seq_heads", "flat"])
+    x = reshape(b, x, [seq, e] if layout == "flat" else [1, seq, e])
+    fused = [seq, 3 * c] if layout == "flat" else [1, seq, 3 * c]
+    wgt = b.const((b.rng.standard_normal((e, 3 * c)) / np.sqrt(e)).astype(np.float32), "w")
+    if layout == "flat" and b.p(0.5):
+        qkv = b.node1("Gemm", [x, wgt], FLOAT, fused)
+    else:
+        qkv = b.node1("MatMul", [x, wgt], FLOAT, fused)
+    axis = len(fused) - 1
+    piece = fused[:-1] + [c]
+    q, k, v = b.node("Split", [qkv, b.ints([c, c, c], "split")], [(FLOAT, piece)] * 3, axis=axis)
+    if b.p(0.4):
+        scale = np.float32(1 / np.sqrt(d)) if b.p(0.7) else b.rng.uniform(0.5, 1, c).astype(np.float32)
+        q = b.node1("Mul", [q, b.const(scale, "scale")], FLOAT, piece)
+    if b.p(0.1):
+        b.node1("Neg", [k], FLOAT, piece)
+    if layout == "batch_seq_heads":
+        head, perm_q, perm_k = [1, seq, heads, d], [0, 2, 1, 3], [0, 2, 3, 1]
+    else:
+        head, perm_q, perm_k = [seq, heads, d], [1, 0, 2], [1, 2, 0]
+    tq = b.node1("Transpose", [reshape(b, q, head)], FLOAT, [head[p] for p in perm_q], perm=perm_q)
+    tk = b.node1("Transpose", [reshape(b, k, head)], FLOAT, [head[p] for p in perm_k], perm=perm_k)
+    tv = b.node1("Transpose", [reshape(b, v, head)], FLOAT, [head[p] for p in perm_q], perm=perm_q)
+    sq = b.shape(tq)
+    att = b.node1("MatMul", [tq, tk], FLOAT, list(sq[:-1]) + [sq[-2]], pool=False)
+    prob = b.node1("Softmax", [att], FLOAT, b.shape(att), axis=-1)
+    ctx = b.node1("MatMul", [prob, tv], FLOAT, sq)
+    back = b.node1("Transpose", [ctx], FLOAT, [sq[p] for p in perm_q], perm=perm_q)
+    reshape(b, back, piece)
+
+
+def pat_attention_conv_gather(b: Builder) -> None:
+    """Conv, Reshape of its channels into groups, Split, and a Gather that
+    reorders one piece. Near misses: a Gather that repeats a channel or
+    works on another axis, grouped filters, a batch above 1."""
+    x = b.pick_float(rank=4)
+    s = b.shape(x)
+    half = b.pick_one([2, 3, 4])
+    m = 2 * half
+    group = 2 if s[1] % 2 == 0 and b.p(0.15) else 1
+    wgt = (b.rng.standard_normal((m, s[1] // group, 1, 1)) / 2).astype(np.float32)
+    ins = [x, b.const(wgt, "w")] + ([b.const(b.values(FLOAT, [m]), "b")] if b.p(0.5) else [])
+    conv = b.node1("Conv", ins, FLOAT, [s[0], m, s[2], s[3]], group=group)
+    target = [2 * s[0], half, s[2], s[3]]
+    r = reshape(b, conv, target)
+    sizes = random_parts(b, half, 2)
+    outs = [(FLOAT, [2 * s[0], n, s[2], s[3]]) for n in sizes]
+    pieces = b.node("Split", [r, b.ints(sizes, "split")], outs, axis=1)
+    i = b.randint(0, len(pieces) - 1)
+    n = sizes[i]
+    on_batch = b.p(0.1)
+    dim = 2 * s[0] if on_batch else n
+    idx = [int(j) for j in b.rng.permutation(dim)]
+    if b.p(0.15):
+        idx[0] = idx[-1]
+    if b.p(0.2):
+        idx = [j - dim if b.p(0.5) else j for j in idx]
+    gs = list(outs[i][1])
+    gs[0 if on_batch else 1] = dim
+    b.node1("Gather", [pieces[i], b.ints(idx, "idx")], FLOAT, gs, axis=0 if on_batch else 1)
+
+
+def pat_ffn_reshape(b: Builder) -> None:
+    """A feed-forward block in its own shape: Reshape in, MatMul and Relu,
+    Reshape back, the residual Add, a Reshape behind it. Near misses: a third
+    reader of the block's input, a second reader of the sum."""
+    x = b.pick_float(rank=4)
+    s = list(b.shape(x))
+    top = b.node1("Relu", [x], FLOAT, s)
+    inner = [s[0] * s[1], s[2], s[3]] if b.p(0.6) else [s[0], s[1] * s[2], s[3]]
+    h = reshape(b, top, inner)
+    f = b.node1("MatMul", [h, b.const((b.rng.standard_normal((s[3], s[3])) / 2).astype(np.float32), "w")],
+                FLOAT, inner, pool=False)
+    f = b.node1("Relu", [f], FLOAT, inner, pool=False)
+    tail = reshape(b, f, s)
+    a = b.node1("Add", [top, tail] if b.p(0.5) else [tail, top], FLOAT, s)
+    if b.p(0.1):
+        b.node1("Neg", [top], FLOAT, s)
+    if b.p(0.1):
+        b.node1("Neg", [a], FLOAT, s)
+    reshape(b, a, [s[0], s[1] * s[2] * s[3]])
+
+
 PATTERNS: List[Tuple[Callable[[Builder], None], float]] = [
     (pat_transpose, 8),
     (pat_transpose_pair, 8),
@@ -2022,6 +2114,10 @@ PATTERNS: List[Tuple[Callable[[Builder], None], float]] = [
     (pat_concat_chain, 1.5),
     (pat_gather_restructure, 3),
     (pat_split_relocation, 3),
+    # attention blocks: fused QKV heads, attention conv permutations, FFN reshapes
+    (pat_fused_qkv, 4),
+    (pat_attention_conv_gather, 2),
+    (pat_ffn_reshape, 2),
 ]
 _WEIGHTS = np.array([w for _, w in PATTERNS], dtype=float)
 _WEIGHTS /= _WEIGHTS.sum()

@@ -135,6 +135,21 @@ def delete_node(model: onnx.ModelProto, idx: int) -> Optional[onnx.ModelProto]:
     return m
 
 
+def cut_after(model: onnx.ModelProto, idx: int) -> Optional[onnx.ModelProto]:
+    """The graph up to node ``idx``: its first output is the only graph
+    output, and what no longer leads there goes. Shape-changing chains
+    behind the failing node cannot be deleted one by one, but they can be
+    cut off."""
+    m = _copy(model)
+    node = m.graph.node[idx]
+    t = _types(m).get(node.output[0]) if node.output and node.output[0] else None
+    if t is None:
+        return None
+    del m.graph.output[:]
+    m.graph.output.append(helper.make_value_info(node.output[0], t))
+    return drop_dead(m)
+
+
 def delete_nodes(model: onnx.ModelProto, indices) -> Optional[onnx.ModelProto]:
     """``delete_node`` for each index, last first."""
     m = model
@@ -231,6 +246,13 @@ def shrink(
                 break
             if i < len(current.graph.node):
                 progress |= attempt(delete_node(current, i))
+        if not progress:
+            for i in range(len(current.graph.node)):
+                if spent() or i >= len(current.graph.node):
+                    break
+                if attempt(cut_after(current, i)):
+                    progress = True
+                    break
         if not progress:
             for name, _ in _const_tensors(current):
                 for cand in simpler_constants(current, name):
