@@ -661,9 +661,12 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
     return cand;
   };
   IR::LoadInfo& info = ir.load_info;
+  // Op counts by a hash of views into the parsed model: a tree of strings
+  // compared per node costs more than the node itself on a large model.
+  std::unordered_map<std::string_view, int64_t> op_counts;
   for (int i = 0; i < n_nodes; ++i) {
     const onnx::NodeProto& np = g.node(i);
-    ++info.file_ops[np.op_type()];
+    ++op_counts[np.op_type()];
     if (np.op_type() == "Constant" && is_default_domain(np.domain()) && np.output_size() == 1 &&
         !np.output(0).empty() && !ir.is_output(np.output(0))) {
       NDArray v;
@@ -684,6 +687,8 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
     if (im != implicit.end()) node->implicit_inputs = std::move(im->second);
     ir.add_node(node, i);
   }
+
+  for (const auto& [op, count] : op_counts) info.file_ops[std::string(op)] = count;
 
   // ---- producers and order, read off the index just built (each node's
   // order key is its place in the file)
