@@ -259,7 +259,9 @@ FoldStats fold_graph(IR& ir, const FoldOptions& options) {
     n->work_flags |= kQueued;
     work.push_back(n);
   };
-  for (const NodePtr& n : ir.node()) push(n);
+  // The plain order: the shared list of node() would cost a reference count
+  // per node on top of the worklist's own.
+  for (Node* n : ir.node_order()) push(n->shared_from_this());
   ir.set_journal(true);
   ir.take_touched();
   try {
