@@ -213,7 +213,6 @@ bool fold_step(IR& ir, Node& node, const FoldOptions& options, FoldStats& stats)
   if (!ir.contains(node)) return false;
   const NodePtr keep = node.shared_from_this();
   const int64_t before = static_cast<int64_t>(ir.node_count());
-  const std::string where = node.name();
   const bool shaped = infer_missing_outputs(ir, node);
   ir.begin_edit();
   bool changed = false;
@@ -238,7 +237,7 @@ bool fold_step(IR& ir, Node& node, const FoldOptions& options, FoldStats& stats)
   if (!changed) {
     if (ir.edited()) {
       ir.rollback_edit();
-      throw std::logic_error("fold step at " + where + " changed the graph and then did not apply");
+      throw std::logic_error("fold step at " + node.name() + " changed the graph and then did not apply");
     }
     ir.commit_edit();
     return shaped;
@@ -260,7 +259,9 @@ FoldStats fold_graph(IR& ir, const FoldOptions& options) {
     n->work_flags |= kQueued;
     work.push_back(n);
   };
-  for (const NodePtr& n : ir.node()) push(n);
+  // The plain order: the shared list of node() would cost a reference count
+  // per node on top of the worklist's own.
+  for (Node* n : ir.node_order()) push(n->shared_from_this());
   ir.set_journal(true);
   ir.take_touched();
   try {

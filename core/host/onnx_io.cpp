@@ -661,9 +661,12 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
     return cand;
   };
   IR::LoadInfo& info = ir.load_info;
+  // Op counts by a hash of views into the parsed model: a tree of strings
+  // compared per node costs more than the node itself on a large model.
+  std::unordered_map<std::string_view, int64_t> op_counts;
   for (int i = 0; i < n_nodes; ++i) {
     const onnx::NodeProto& np = g.node(i);
-    ++info.file_ops[np.op_type()];
+    ++op_counts[np.op_type()];
     if (np.op_type() == "Constant" && is_default_domain(np.domain()) && np.output_size() == 1 &&
         !np.output(0).empty() && !ir.is_output(np.output(0))) {
       NDArray v;
@@ -684,6 +687,8 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
     if (im != implicit.end()) node->implicit_inputs = std::move(im->second);
     ir.add_node(node, i);
   }
+
+  for (const auto& [op, count] : op_counts) info.file_ops[std::string(op)] = count;
 
   // ---- producers and order, read off the index just built (each node's
   // order key is its place in the file)
@@ -730,10 +735,13 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
   }
 
   // ---- the shell: everything but the graph body
-  g.clear_node();
-  g.clear_initializer();
-  g.clear_value_info();
-  g.clear_sparse_initializer();
+  // The body moves into a message on the same arena, which goes with it:
+  // clearing a million node records one by one costs more than the swap.
+  auto* body = google::protobuf::Arena::CreateMessage<onnx::GraphProto>(&arena);
+  g.mutable_node()->UnsafeArenaSwap(body->mutable_node());
+  g.mutable_initializer()->UnsafeArenaSwap(body->mutable_initializer());
+  g.mutable_value_info()->UnsafeArenaSwap(body->mutable_value_info());
+  g.mutable_sparse_initializer()->UnsafeArenaSwap(body->mutable_sparse_initializer());
   model->SerializeToString(&ir.model_shell);
 
   if (options.infer_shapes) infer_missing(ir);

@@ -39,12 +39,15 @@ void check_reads(const Node& n) {
 }
 
 void check_transpose(const IR& ir, const Node& n) {
-  const auto perm = IR::get_attr_ints(n, "perm");
-  if (!perm || n.input.empty()) return;  // absent: the axes reversed, always valid
+  const Attr* perm_attr = IR::get_attr(n, "perm");
+  if (!perm_attr || perm_attr->kind != Attr::INTS || n.input.empty()) return;  // absent: the axes reversed
+  const std::vector<int64_t>* perm = &perm_attr->ints;
   const std::string& x = n.input[0];
   size_t rank = perm->size();
-  const bool rank_known = ir.has_shape(x);
-  if (rank_known) rank = ir.get_shape(x).size();
+  // The node's own port record: no name lookup per node of a large model.
+  const TensorInfo* xi = n.input_info(0);
+  const bool rank_known = xi ? xi->has_shape : ir.has_shape(x);
+  if (rank_known) rank = xi ? xi->shape.size() : ir.get_shape(x).size();
   std::vector<char> seen(rank, 0);
   bool ok = perm->size() == rank;
   for (size_t i = 0; ok && i < perm->size(); ++i) {
@@ -69,34 +72,38 @@ bool element_count(const Shape& s, int64_t& out) {
 
 void check_reshape(const IR& ir, const Node& n) {
   if (n.input.size() < 2) return;
+  const TensorInfo* ci = n.input_info(1);
+  if (ci && !ci->constant) return;
   const NDArray* c = ir.get_const(n.input[1]);
   if (!c || !dtype_is_integer(c->dtype())) return;
   const std::vector<int64_t> target = c->to_i64();
-  const std::string where = "node " + label(n) + ": target shape " + list_text(target) + " (" + n.input[1] + ")";
+  // Only a failing check needs the text: a large model has many Reshapes.
+  auto where_text = [&] { return "node " + label(n) + ": target shape " + list_text(target) + " (" + n.input[1] + ")"; };
   const bool allowzero = IR::get_attr_int(n, "allowzero").value_or(0) != 0;
   int infer_at = -1;
   bool has_zero = false;
   for (size_t i = 0; i < target.size(); ++i) {
     const int64_t d = target[i];
     if (d == -1) {
-      if (infer_at >= 0) throw LoadError(where + " has more than one -1");
+      if (infer_at >= 0) throw LoadError(where_text() + " has more than one -1");
       infer_at = static_cast<int>(i);
     } else if (d < 0) {
-      throw LoadError(where + " has the negative dimension " + std::to_string(d));
+      throw LoadError(where_text() + " has the negative dimension " + std::to_string(d));
     }
     has_zero |= d == 0;
   }
   if (allowzero && has_zero && infer_at >= 0)
-    throw LoadError(where + " has both 0 and -1, which allowzero=1 forbids");
+    throw LoadError(where_text() + " has both 0 and -1, which allowzero=1 forbids");
 
   const std::string& x = n.input[0];
-  if (!ir.has_shape(x)) return;
-  const Shape in = ir.get_shape(x);
+  const TensorInfo* xi = n.input_info(0);
+  if (xi ? !xi->has_shape : !ir.has_shape(x)) return;
+  const Shape& in = xi ? xi->shape : ir.get_shape(x);
   Shape out(target.begin(), target.end());
   for (size_t i = 0; i < out.size(); ++i) {
     if (out[i] != 0 || allowzero) continue;
     if (i >= in.size())
-      throw LoadError(where + " copies dimension " + std::to_string(i) + " of its input " + x + ", which has rank " +
+      throw LoadError(where_text() + " copies dimension " + std::to_string(i) + " of its input " + x + ", which has rank " +
                       std::to_string(in.size()));
     out[i] = in[i];
   }
@@ -106,7 +113,7 @@ void check_reshape(const IR& ir, const Node& n) {
     if (static_cast<int>(i) != infer_at && __builtin_mul_overflow(known, out[i], &known)) return;
   const bool fits = infer_at >= 0 ? (known == 0 ? have == 0 : have % known == 0) : known == have;
   if (fits) return;
-  throw LoadError(where + " does not hold the " + std::to_string(have) + " elements of its input " + x + " " +
+  throw LoadError(where_text() + " does not hold the " + std::to_string(have) + " elements of its input " + x + " " +
                   list_text(in));
 }
 

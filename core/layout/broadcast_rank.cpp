@@ -47,20 +47,20 @@ int64_t make_broadcast_ranks_explicit(IR& ir) {
     auto op = ops.find(n.op_type());
     if (op == ops.end() || ir.opset() < op->second) continue;
     // The rank the operands broadcast to; unknown if any operand's is.
+    // Read off the node's own port records: this walks every node each round.
     size_t rank = 0;
     bool known = true;
-    for (const std::string& t : n.input) {
-      if (t.empty()) continue;
-      if (!ir.has_shape(t)) {
-        known = false;
-        break;
-      }
-      rank = std::max(rank, ir.get_shape(t).size());
+    for (size_t i = 0; i < n.input.size() && known; ++i) {
+      const TensorInfo* ti = n.input_info(i);
+      if (!ti) continue;
+      known = ti->has_shape;
+      rank = std::max(rank, ti->shape.size());
     }
     if (!known) continue;
     for (size_t i = 0; i < n.input.size(); ++i) {
+      const TensorInfo* ti = n.input_info(i);
+      if (!ti || !ti->constant || ti->graph_input) continue;
       const std::string& t = n.input[i];
-      if (t.empty() || !ir.is_const(t) || ir.is_input(t)) continue;
       const size_t own = ir.get_const(t)->ndim();
       if (own == 0 || own >= rank) continue;
       auto at = group_of.emplace(std::make_pair(t, rank), groups.size());

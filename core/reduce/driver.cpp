@@ -290,10 +290,13 @@ class Matcher {
 
 class Driver {
  public:
+  // `refold`, when given, are the only nodes the fold step has to look at
+  // first: the graph was folded to a fixed point just before, and these are
+  // the nodes edited since. Null: every node.
   Driver(IR& ir, const std::vector<Row>& first, const std::vector<Row>& second, QuantTable* qt,
-         const DriverOptions& opt)
+         const DriverOptions& opt, const std::vector<NodePtr>* refold = nullptr)
       : ir_(ir), qt_(qt), cvt_(first, opt), fuse_(second, opt), strict_(opt.strict),
-        fold_(opt.fold ? &opt.fold_options : nullptr) {
+        fold_(opt.fold ? &opt.fold_options : nullptr), refold_(refold) {
     cvt_seconds_.assign(first.size(), 0.0);
     fuse_seconds_.assign(second.size(), 0.0);
     budget_ = opt.max_rewrites > 0 ? opt.max_rewrites
@@ -311,7 +314,10 @@ class Driver {
 
   DriverStats run() {
     ir_.set_journal(true);
-    for (Node* n : ir_.node_order()) push_all(n->shared_from_this());
+    for (Node* n : ir_.node_order()) push_all(n->shared_from_this(), refold_ == nullptr);
+    if (refold_ && fold_)
+      for (const NodePtr& n : *refold_)
+        if (ir_.contains(*n)) mark_for_fold(n, lists_of(*n));
     while (true) {
       drain_folds();
       if (!drain(cvt_, cvt_regular_, false)) break;
@@ -356,9 +362,9 @@ class Driver {
       if (ir_.contains(*n)) try_fold(n);
     }
   }
-  void push_all(const NodePtr& n) {
+  void push_all(const NodePtr& n, bool fold = true) {
     const uint8_t lists = lists_of(*n);
-    if (fold_) mark_for_fold(n, lists);
+    if (fold_ && fold) mark_for_fold(n, lists);
     if (lists & 1) cvt_regular_.push(n);
     if (lists & 2) fuse_regular_.push(n);
     if (lists & 4) cvt_limited_.push(n);
@@ -523,6 +529,7 @@ class Driver {
   int64_t budget_;
   bool strict_;
   const FoldOptions* fold_;
+  const std::vector<NodePtr>* refold_;
   std::unordered_set<uint64_t> fold_faulted_;  // node uids where a fold step threw
 };
 
@@ -596,9 +603,10 @@ int64_t prune_dead(IR& ir) {
       if (ir.contains(*p) && dead(*p)) work.push_back(p);
   }
   std::vector<std::string> unused;
-  for (const auto& kv : ir.consts())
-    if (ir.use_count(kv.first) == 0 && !ir.is_output(kv.first) && !ir.is_input(kv.first))
-      unused.push_back(kv.first);
+  for (const auto& kv : ir.consts()) {
+    const TensorInfo* ti = ir.tensor(kv.first);  // one lookup answers all three
+    if (!ti || (ti->uses.empty() && !ti->graph_output && !ti->graph_input)) unused.push_back(kv.first);
+  }
   // Erased in save order so that the result does not follow the hash order.
   std::sort(unused.begin(), unused.end());
   for (const auto& t : unused) ir.erase_const(t);
@@ -608,13 +616,17 @@ int64_t prune_dead(IR& ir) {
 int64_t make_reshape_shapes_explicit(IR& ir) {
   int64_t changed = 0;
   for (Node* n : ir.node_order()) {
-    if (n->op_type() != "Reshape" || n->input.size() < 2) continue;
+    if (n->op_type() != "Reshape" || n->input.size() < 2 || n->output.empty()) continue;
+    // The node's own port records answer the cheap questions first.
+    const TensorInfo* target_ti = n->input_info(1);
+    const TensorInfo* out_ti = n->output_info(0);
+    if (!target_ti || !target_ti->constant || !out_ti || !out_ti->has_shape) continue;
     if (IR::get_attr_int(*n, "allowzero").value_or(0) != 0) continue;
     const NDArray* target = ir.get_const(n->input[1]);
-    if (!target || !ir.has_shape(n->output[0])) continue;
+    if (!target) continue;
     const std::vector<int64_t> dims = target->to_i64();
     if (std::find(dims.begin(), dims.end(), 0) == dims.end()) continue;
-    const Shape out = ir.get_shape(n->output[0]);
+    const Shape out = out_ti->shape;
     if (out.size() != dims.size()) continue;
     const std::string name = ir.unique_tensor_name(n->input[1] + "_explicit");
     ir.set_const(name, NDArray::from_i64(out));
@@ -643,12 +655,25 @@ DriverStats run_tables(IR& ir, const std::vector<Row>& first, const std::vector<
   DriverStats inner;
   for (int round = 0;; ++round) {
     int64_t changed = 0;
-    if (round == 0 && options.fold) {
+    // Right after the fold pass, only the nodes the passes below edit can
+    // fold anew: the journal names them, so the first round need not offer
+    // every node of the graph to the fold step a second time.
+    const bool folded_all = round == 0 && options.fold;
+    if (folded_all) {
       const FoldStats folded = fold_graph(ir, options.fold_options);
       total.fold.add(folded);
       changed += folded.steps;
       tell("fold pass: " + std::to_string(folded.removed_nodes) + " node(s) folded away");
+      ir.set_journal(true);
+      ir.take_touched();
     }
+    // Off again whichever way the passes below end.
+    struct JournalOff {
+      IR* ir;
+      ~JournalOff() {
+        if (ir) ir->set_journal(false);
+      }
+    } journal_off{folded_all ? &ir : nullptr};
     if (round == 0 && options.subgraphs) {
       const int64_t bodies = reduce_subgraphs(ir, quant_tab, options, inner);
       changed += bodies;
@@ -662,11 +687,17 @@ DriverStats run_tables(IR& ir, const std::vector<Row>& first, const std::vector<
       total.pruned_nodes += dead;
       changed += dead;
     }
+    std::vector<NodePtr> refold;
+    if (folded_all) {
+      refold = ir.take_touched();
+      ir.take_released();
+      ir.set_journal(false);
+    }
     if (round > 0) ir.op_ruler_pause.clear();
     ir.renumber_order();
     DriverOptions opt = options;
     opt.max_rewrites = std::max<int64_t>(1, budget - total.rewrites);
-    const DriverStats s = Driver(ir, first, second, quant_tab, opt).run();
+    const DriverStats s = Driver(ir, first, second, quant_tab, opt, folded_all ? &refold : nullptr).run();
     for (const auto& kv : s.fired) total.fired[kv.first] += kv.second;
     for (const auto& kv : s.rule_seconds) total.rule_seconds[kv.first] += kv.second;
     ++total.rounds;

@@ -225,6 +225,23 @@ def test_fusion_keeps_a_graph_output_between_its_nodes():
     assert ops(reduced) == ["Mul", "Mul"]
 
 
+def test_fusion_freed_by_pruning_a_dead_reader_lands_in_the_first_round():
+    # The dead Relu blocks the fusion during the fold pass; pruning it before
+    # the tables must hand the Add back to the fold step, or a third round
+    # would be needed to find it.
+    m = make_model(
+        [("Conv", ["x", "W"], ["c"]), ("Add", ["c", "k"], ["y"]), ("Relu", ["c"], ["dead"])],
+        inputs={"x": [1, 3, 8, 8]},
+        outputs={"y": None},
+        consts={"W": w(4, 3, 1, 1), "k": w(4, 1, 1)},
+        opset=17,
+    )
+    reduced, report = reduced_ok(onnx.shape_inference.infer_shapes(m))
+    assert ops(reduced) == ["Conv"]
+    assert report["fold"]["fusions"] == {"add_into_conv_bias": 1}
+    assert report["rounds"] == 2
+
+
 def matmul_add_model() -> onnx.ModelProto:
     return make_model(
         [("MatMul", ["x", "W"], ["mm"]), ("Add", ["mm", "B"], ["y"])],
