@@ -49,17 +49,16 @@ std::optional<NDArray> tile(const NDArray& a, const Ints& reps) {
   return out;
 }
 
-// Two producers of the node's inputs of `op_type`, each read by the node
-// alone: the node's two operands come from them.
-NodeList two_private_producers(const IR& ir, const Node& add, const std::string& op_type) {
+// The producers of the node's inputs of `op_type` that nothing else reads.
+NodeList private_producers(const IR& ir, const Node& add, const std::string& op_type) {
   NodeList found;
   for (const NodePtr& nod : ir.pre_nodes(add))
     if (nod->op_type() == op_type && ir.next_nodes(nod->output[0]).size() <= 1) found.push_back(nod);
   return found;
 }
 
-// The node takes its result from a new tensor that `tail` (a node the
-// builder made, writing the node's old output) turns into the old output.
+// The node writes `fresh` (of `shape`) instead of its output, which a new
+// node behind it now writes: its readers and a graph output keep the name.
 void route_through(IR& ir, Node& add, const std::string& fresh, const Shape& shape) {
   const std::string out = add.output[0];
   ir.set_shape(fresh, shape, false, ir.get_dtype(out));
@@ -209,7 +208,7 @@ RuleResult _p_remove_reshape_before_add(IR& ir, const NodeList& nodes, QuantTabl
   if (nodes.empty()) return no_match();
   const NodePtr& add = nodes[0];
   if (add->input.size() != 2 || add->output.size() != 1) return no_match();
-  const NodeList pre_reshapes = two_private_producers(ir, *add, "Reshape");
+  const NodeList pre_reshapes = private_producers(ir, *add, "Reshape");
   if (pre_reshapes.size() != 2) return no_match();
   const Shape i_shape0 = ir.get_shape(pre_reshapes[0]->input[0]);
   const Shape i_shape1 = ir.get_shape(pre_reshapes[1]->input[0]);
@@ -243,7 +242,7 @@ RuleResult _p_remove_mul_before_add(IR& ir, const NodeList& nodes, QuantTable* /
   if (nodes.empty()) return no_match();
   const NodePtr& add = nodes[0];
   if (add->input.size() != 2 || add->output.size() != 1) return no_match();
-  const NodeList pre_muls = two_private_producers(ir, *add, "Mul");
+  const NodeList pre_muls = private_producers(ir, *add, "Mul");
   if (pre_muls.size() != 2) return no_match();
   const ElemwiseConst e0 = get_elemwise_const(ir, *pre_muls[0]);
   if (!e0.const_name) return no_match();
