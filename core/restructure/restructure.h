@@ -56,4 +56,25 @@ RuleResult _p_relocate_rs_split_axis(IR& ir, const NodeList& nodes, QuantTable* 
 // the split axis comes from.
 RuleResult _p_relocate_tp_rs_split_axis(IR& ir, const NodeList& nodes, QuantTable* quant_tab);
 
+// Reshapes around elementwise ops (reshape_around_elementwise.cpp).
+// A Reshape in front of a two-input elementwise node that one behind it
+// undoes: both go, and the other operand is brought to the shape in front.
+RuleResult _p_remove_reshape_after_add(IR& ir, const NodeList& nodes, QuantTable* quant_tab);
+// Two like Reshapes feeding an elementwise node become one behind it.
+RuleResult _p_remove_reshape_before_add(IR& ir, const NodeList& nodes, QuantTable* quant_tab);
+// (a*c) + (b*c) with one constant c becomes (a+b)*c.
+RuleResult _p_remove_mul_before_add(IR& ir, const NodeList& nodes, QuantTable* quant_tab);
+
+// Reshapes and Transposes around Concat and Split
+// (reshape_transpose_around_concat_split.cpp).
+// The Reshapes feeding a Concat move behind it as one node.
+RuleResult _p_remove_reshape_before_concat(IR& ir, const NodeList& nodes, QuantTable* quant_tab);
+// A Reshape behind a Concat of Reshapes folds into them.
+RuleResult _p_remove_reshape_after_concat(IR& ir, const NodeList& nodes, QuantTable* quant_tab);
+// The Reshapes reading a Split's pieces move in front of it as one node.
+RuleResult _p_remove_reshape_after_split(IR& ir, const NodeList& nodes, QuantTable* quant_tab);
+// The Transposes reading a Split's pieces: the most common one moves in
+// front of it, the others keep what is left to do.
+RuleResult _p_remove_transpose_after_split(IR& ir, const NodeList& nodes, QuantTable* quant_tab);
+
 }  // namespace tolm

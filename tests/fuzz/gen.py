@@ -2055,6 +2055,139 @@ def pat_ffn_reshape(b: Builder) -> None:
     reshape(b, a, [s[0], s[1] * s[2] * s[3]])
 
 
+def _regroup(b: Builder, s: Sequence[int]) -> Optional[Shape]:
+    """A Reshape target of the same elements: a 1 put in or taken out, two
+    neighbouring axes merged, or one axis cut in two."""
+    s = list(s)
+    u = b.rng.random()
+    if u < 0.3 and len(s) < MAX_RANK:
+        i = b.randint(0, len(s))
+        return tuple(s[:i] + [1] + s[i:])
+    if u < 0.45 and 1 in s and len(s) > 1:
+        i = s.index(1)
+        return tuple(s[:i] + s[i + 1:])
+    if u < 0.75 and len(s) > 1:
+        i = b.randint(0, len(s) - 2)
+        return tuple(s[:i] + [s[i] * s[i + 1]] + s[i + 2:])
+    cuts = [(i, f) for i, d in enumerate(s) for f in range(2, d) if d % f == 0]
+    if not cuts or len(s) >= MAX_RANK:
+        return None
+    i, f = b.pick_one(cuts)
+    return tuple(s[:i] + [f, s[i] // f] + s[i + 1:])
+
+
+def pat_reshape_around_elementwise(b: Builder) -> None:
+    x = b.pick_float(min_rank=1)
+    s = b.shape(x)
+    mid = _regroup(b, s)
+    if mid is None:
+        raise Skip("no regrouping")
+    m = reshape(b, x, mid)
+    op = b.pick_one(["Add", "Add", "Mul", "Div"])
+    u = b.rng.random()
+    if u < 0.55 or op == "Div":  # a constant, maybe broadcast, single or of lower rank
+        cs = [1 if b.p(0.35) else d for d in mid]
+        if b.p(0.15):
+            cs = [1]
+        elif b.p(0.1) and len(cs) > 1:
+            cs = cs[1:]
+        c = b.rng.standard_normal(cs).astype(np.float32)
+        other = b.const(np.abs(c) + 0.5 if op == "Div" else c)
+    elif u < 0.7:
+        other = m  # the same operand twice
+    elif u < 0.85:  # from a node that is no Reshape
+        other = b.node1("Sigmoid", [reshape(b, x, mid)], FLOAT, mid)
+    else:  # from a Reshape of another tensor
+        other = reshape(b, b.node1("Sigmoid", [x], FLOAT, s), mid)
+    ins = [m, other] if b.p(0.85) else [other, m]
+    out = broadcast(mid, b.shape(other))
+    a = b.node1(op, ins, FLOAT, out)
+    if b.p(0.2):
+        b.node1("Relu", [a], FLOAT, out)  # a second reader
+    back = s if b.p(0.75) else _regroup(b, out)
+    if back is None or prod(back) != prod(out):
+        raise Skip("no way back")
+    reshape(b, a, back)
+
+
+def pat_reshape_pair_into_elementwise(b: Builder) -> None:
+    x = b.pick_float(min_rank=1)
+    s = b.shape(x)
+    mid = _regroup(b, s)
+    if mid is None:
+        raise Skip("no regrouping")
+    partners = [n for n in b.pool if b.shape(n) == s and b.elem(n) == FLOAT and n != x]
+    y = b.pick_one(partners) if partners and b.p(0.5) else b.node1("Sigmoid", [x], FLOAT, s)
+    if b.p(0.2):  # same elements, other layout in front: a near miss
+        other = _regroup(b, s)
+        if other is not None:
+            y = reshape(b, y, other)
+    r0, r1 = reshape(b, x, mid), reshape(b, y, mid)
+    a = b.node1(b.pick_one(["Add", "Mul"]), [r0, r1], FLOAT, mid)
+    if b.p(0.15):
+        b.node1("Relu", [r1], FLOAT, mid)
+    if b.p(0.5):
+        b.node1("Relu", [a], FLOAT, mid)
+
+
+def pat_mul_pair_add(b: Builder) -> None:
+    x = b.pick_float(min_rank=1)
+    s = b.shape(x)
+    partners = [n for n in b.pool if b.shape(n) == s and b.elem(n) == FLOAT and n != x]
+    y = b.pick_one(partners) if partners and b.p(0.5) else b.node1("Tanh", [x], FLOAT, s)
+    cs = [1 if b.p(0.5) else d for d in s] if b.p(0.8) else [1]
+    c = b.rng.standard_normal(cs).astype(np.float32)
+    u = b.rng.random()
+    c2 = c.copy() if u < 0.7 else (c + 1 if u < 0.85 else c.reshape([1] + list(c.shape)))
+    out0, out1 = broadcast(s, c.shape), broadcast(s, c2.shape)
+    m0 = b.node1("Mul", [x, b.const(c)], FLOAT, out0)
+    c2n = b.const(c2)
+    m1 = b.node1("Mul", [c2n, y] if b.p(0.5) else [y, c2n], FLOAT, out1)
+    if b.p(0.15):
+        b.node1("Relu", [m1], FLOAT, out1)
+    b.node1("Add", [m0, m1], FLOAT, broadcast(out0, out1))
+
+
+def pat_layout_around_concat_split(b: Builder) -> None:
+    x = b.pick_float(min_rank=2)
+    s = list(b.shape(x))
+    r = len(s)
+    axes = [i for i in range(r) if s[i] >= 2]
+    if not axes:
+        raise Skip("nothing to cut")
+    a = b.pick_one(axes)
+    sizes = random_parts(b, s[a], b.randint(2, min(s[a], 4)))
+    outs = [(FLOAT, [sz if i == a else d for i, d in enumerate(s)]) for sz in sizes]
+    pieces = b.node("Split", [x, b.ints(sizes, "split")], outs, axis=a)
+    u = b.rng.random()
+    if u < 0.55:  # each piece gets a 1 at the same place (one maybe elsewhere), then maybe a Concat
+        j = b.randint(0, r)
+        if r >= MAX_RANK:
+            raise Skip("rank")
+        rs = []
+        for k, (_, ps) in enumerate(outs):
+            jj = b.randint(0, r) if b.p(0.1) else j
+            if b.p(0.15) and u >= 0.3:
+                continue  # a piece nobody reads
+            rs.append(reshape(b, pieces[k], ps[:jj] + [1] + ps[jj:]))
+        if u < 0.3 and len(rs) == len(pieces):
+            a2 = a + 1 if j <= a else a
+            if any(b.shape(t)[:a2] + b.shape(t)[a2 + 1:] != b.shape(rs[0])[:a2] + b.shape(rs[0])[a2 + 1:] for t in rs):
+                raise Skip("pieces differ")
+            cat = b.node1("Concat", rs, FLOAT, _concat_shape(b, rs, a2), axis=a2)
+            if b.p(0.5):
+                back = _regroup(b, b.shape(cat))
+                if back is not None:
+                    reshape(b, cat, back)
+    else:  # pieces transposed, mostly alike
+        perm = [int(p) for p in b.rng.permutation(r)]
+        for k, (_, ps) in enumerate(outs):
+            pk = [int(p) for p in b.rng.permutation(r)] if b.p(0.25) else perm
+            t = transpose(b, pieces[k], pk)
+            if b.p(0.2):
+                b.node1("Relu", [t], FLOAT, b.shape(t))
+
+
 PATTERNS: List[Tuple[Callable[[Builder], None], float]] = [
     (pat_transpose, 8),
     (pat_transpose_pair, 8),
@@ -2118,6 +2251,11 @@ PATTERNS: List[Tuple[Callable[[Builder], None], float]] = [
     (pat_fused_qkv, 4),
     (pat_attention_conv_gather, 2),
     (pat_ffn_reshape, 2),
+    # Reshapes around elementwise ops, Reshape/Transpose around Concat and Split
+    (pat_reshape_around_elementwise, 4),
+    (pat_reshape_pair_into_elementwise, 2),
+    (pat_mul_pair_add, 2),
+    (pat_layout_around_concat_split, 3),
 ]
 _WEIGHTS = np.array([w for _, w in PATTERNS], dtype=float)
 _WEIGHTS /= _WEIGHTS.sum()
