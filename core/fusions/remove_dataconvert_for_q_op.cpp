@@ -40,7 +40,8 @@ RuleResult _p_remove_dataconvert_for_q_op(IR& ir, const NodeList& nodes, QuantTa
       break;
     }
   }
-  if (!q_op) return no_match();
+  // A conversion in the middle would read integers while it says float.
+  if (!q_op || q_op->op_type() == "exDataConvert") return no_match();
   const FloatOpTypes fp16 = get_want_need_fp16(ir);
   auto listed = [&](const std::vector<std::string>& l) {
     return std::find(l.begin(), l.end(), q_op->op_type()) != l.end();
