@@ -1,7 +1,8 @@
 // Focus stems: a tensor cut into the four phases of a 2x2 grid on two
 // neighbouring axes, the phases joined on a third axis (space to depth).
-// One Conv with a fixed 0/1 kernel of 2x2 and stride 2 does the same: output
-// channel p*C + c copies input channel c at the kernel position of phase p.
+// One Conv with a fixed 0/1 kernel of 2x2, striding as the Slices step (2 in
+// every stem seen), does the same: output channel p*C + c copies input
+// channel c at the kernel position of phase p.
 // When the cut axes are not the last two, Transposes move them there and back.
 #include <algorithm>
 #include <cstdint>
@@ -64,7 +65,7 @@ struct Stem {
 // Checks what makes the Conv exact: a known float32 input of rank 4, the cut
 // axes neighbours, the join axis the one that becomes the Conv's channel
 // axis, every phase a full stride-sized grid (each Slice reaches the end of
-// its axis, which the stride divides), and the Slices read by nothing else.
+// its axis, which the stride divides).
 std::optional<Stem> check_stem(const IR& ir, const std::string& src, int64_t first, int64_t last,
                                const Ints& steps, int64_t concat_axis) {
   Stem s;

@@ -8,7 +8,7 @@ namespace tolm {
 
 // Focus stems (fuse_focus_slice.cpp).
 // Four Slices that each pick one phase of a 2x2 grid on two neighbouring
-// axes, joined by a Concat: one fixed-weight 2x2 Conv of stride 2.
+// axes, joined by a Concat: one fixed-weight 2x2 Conv striding as they step.
 RuleResult _p_fuse_focus_slice(IR& ir, const NodeList& nodes, QuantTable* quant_tab);
 // The two-stage form: two Slices on the first axis, four on the second.
 RuleResult _p_fuse_focus_slice2(IR& ir, const NodeList& nodes, QuantTable* quant_tab);
