@@ -213,11 +213,27 @@ class Matcher {
     return false;
   }
 
+  // The producers a pattern counts for a node: its producer nodes, and each
+  // graph input it reads as one more. A stem that slices a graph input
+  // (an image stem reads the model's input) is the same pattern as one
+  // behind another node.
+  int sources(const Node& n) const {
+    int count = static_cast<int>(ir_.pre_nodes(n).size());
+    for (size_t i = 0; i < n.input.size(); ++i) {
+      const std::string& t = n.input[i];
+      if (!t.empty() && ir_.is_input(t) &&
+          std::find(n.input.begin(), n.input.begin() + static_cast<std::ptrdiff_t>(i), t) ==
+              n.input.begin() + static_cast<std::ptrdiff_t>(i))
+        ++count;
+    }
+    return count;
+  }
+
   // A small pattern that ends in `sink`: the other nodes reach it directly or
   // through each other, and node i has exactly n_pre_nodes[i] producers.
   bool pattern(const NodePtr& sink) {
     const size_t k = row_.ops.size();
-    if (static_cast<int>(ir_.pre_nodes(*sink).size()) != row_.n_pre_nodes.back()) return false;
+    if (sources(*sink) != row_.n_pre_nodes.back()) return false;
     // Ancestors within k-1 steps, nearest first.
     NodeList cands;
     NodeList frontier{sink};
@@ -232,8 +248,7 @@ class Matcher {
       frontier.swap(next);
     }
     std::vector<int> pre_count(cands.size());
-    for (size_t i = 0; i < cands.size(); ++i)
-      pre_count[i] = static_cast<int>(ir_.pre_nodes(*cands[i]).size());
+    for (size_t i = 0; i < cands.size(); ++i) pre_count[i] = sources(*cands[i]);
     std::vector<size_t> pick;
     std::vector<bool> used(cands.size(), false);
     return assign(sink, cands, pre_count, pick, used);

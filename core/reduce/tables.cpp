@@ -5,6 +5,7 @@
 #include "attention/attention.h"
 #include "chains/chains.h"
 #include "dead/dead.h"
+#include "fusions/fusions.h"
 #include "layout/layout.h"
 #include "restructure/restructure.h"
 #include "scatternd/scatternd.h"
@@ -85,14 +86,14 @@ const std::vector<ProcEntry>& registry() {
       {"_p_fuse_split_exmatmul_concat", _p_fuse_split_exmatmul_concat},
       {"_p_fuse_transformer_FFN_reshape", _p_fuse_transformer_FFN_reshape},
       // Small operator fusions
-      {"_p_fuse_focus_slice", nullptr},
-      {"_p_fuse_focus_slice2", nullptr},
-      {"_p_fuse_slice_slice_mul_concat_to_conv", nullptr},
-      {"_p_fuse_two_dataconvert", nullptr},
-      {"_p_remove_dataconvert_for_q_op", nullptr},
-      {"_p_fuse_cast_into_equal", nullptr},
-      {"_p_fuse_min_max_to_clip", nullptr},
-      {"_p_fuse_mul_mul_add_to_mul", nullptr},
+      {"_p_fuse_focus_slice", _p_fuse_focus_slice},
+      {"_p_fuse_focus_slice2", _p_fuse_focus_slice2},
+      {"_p_fuse_slice_slice_mul_concat_to_conv", _p_fuse_slice_slice_mul_concat_to_conv},
+      {"_p_fuse_two_dataconvert", _p_fuse_two_dataconvert},
+      {"_p_remove_dataconvert_for_q_op", _p_remove_dataconvert_for_q_op},
+      {"_p_fuse_cast_into_equal", _p_fuse_cast_into_equal},
+      {"_p_fuse_min_max_to_clip", _p_fuse_min_max_to_clip},
+      {"_p_fuse_mul_mul_add_to_mul", _p_fuse_mul_mul_add_to_mul},
   };
   return procs;
 }

@@ -133,6 +133,24 @@ TEST(Driver, OffersNPreNodesPatternsEndingInTheSink) {
   EXPECT_TRUE(g_seen.empty());
 }
 
+TEST(Driver, NPreNodesPatternsCountAGraphInputAsAProducer) {
+  // An image stem slices the model's input itself.
+  TestGraph t;
+  t.input("x", {1, 4, 4, 4});
+  t.node("Slice", {"x"}, {"s0"});
+  t.node("Slice", {"x"}, {"s1"});
+  NodePtr cat = t.node("Concat", {"s0", "s1"}, {"y"}, {{"axis", 1}});
+  t.output("y");
+  Row row;
+  row.key = "probe";
+  row.ops = {"Slice", "Slice", "Concat"};
+  row.n_pre_nodes = {1, 1, 2};
+  row.proc = record_pattern;
+  g_seen.clear();
+  try_row(t.ir, row, cat, nullptr);
+  EXPECT_EQ(g_seen.size(), 3u);
+}
+
 TEST(Driver, ChainsAreOfferedOnlyOverPrivateInnerTensors) {
   TestGraph t;
   t.input("x", {2, 2});

@@ -2188,6 +2188,146 @@ def pat_layout_around_concat_split(b: Builder) -> None:
                 b.node1("Relu", [t], FLOAT, b.shape(t))
 
 
+# -- Small fusions ----------------------------------------------------------------
+# Focus stems (the phases of a 2x2 grid joined on the channels), two slices
+# of one axis joined again (one perhaps scaled), Min/Max bounds, x*c1 + x*c2,
+# and Casts to or from bool ahead of an Equal: what the small fusions fold,
+# and near misses (phases out of order, slices that stop short, bounds the
+# wrong way round, constants of other shapes, comparisons the fold would change).
+
+
+def _slice_len(d: int, start: int, end: int, step: int) -> int:
+    return len(range(start, min(end, d), step))
+
+
+def pat_focus_stem(b: Builder) -> None:
+    try:  # a map whose spatial sizes are even, or else a new image input
+        x = b.pick(lambda n: len(b.shape(n)) == 4 and all(d % 2 == 0 for d in b.shape(n)[1:]), floats=True)
+    except Skip:
+        if len(b.inputs) > 3:
+            raise
+        x = b.add_input(FLOAT, [b.randint(1, 2), b.randint(1, 4), 2 * b.randint(1, 3), 2 * b.randint(1, 3)])
+    s = list(b.shape(x))
+    last = b.p(0.3)  # channels last
+    ha, wa, ca = (1, 2, 3) if last else (2, 3, 1)
+    step = 3 if b.p(0.1) else 2
+    if s[ha] % step or s[wa] % step:
+        raise Skip("odd map")
+    end_h = b.pick_one([INT64_MAX, s[ha], s[ha] + 3]) if b.p(0.9) else s[ha] - 1
+    end_w = b.pick_one([INT64_MAX, s[wa], s[wa] + 3]) if b.p(0.9) else s[wa] - 1
+    phases = [(0, 0), (1, 0), (0, 1), (1, 1)]
+    if b.p(0.15):
+        phases = [phases[0], phases[2], phases[1], phases[3]]
+    cat_axis = ca if b.p(0.9) else 0
+
+    def out_shape(h0, w0):
+        o = list(s)
+        o[ha] = _slice_len(s[ha], h0, end_h, step)
+        o[wa] = _slice_len(s[wa], w0, end_w, step)
+        return o
+
+    if step == 2 and b.p(0.5):  # two stages: rows, then columns
+        rows = {h0: full_slice(b, x, [h0], [end_h], [ha], [step],
+                               [_slice_len(s[ha], h0, end_h, step) if i == ha else d for i, d in enumerate(s)])
+                for h0 in (0, 1)}
+        parts = [full_slice(b, rows[h0], [w0], [end_w], [wa], [step], out_shape(h0, w0)) for h0, w0 in phases]
+    else:
+        parts = [full_slice(b, x, [h0, w0], [end_h, end_w], [ha, wa], [step, step], out_shape(h0, w0))
+                 for h0, w0 in phases]
+    shapes = [b.shape(p) for p in parts]
+    if any(sh[i] != shapes[0][i] for sh in shapes for i in range(4) if i != cat_axis):
+        raise Skip("phases of other sizes")
+    out = list(shapes[0])
+    out[cat_axis] = sum(sh[cat_axis] for sh in shapes)
+    b.node1("Concat", parts, FLOAT, out, axis=cat_axis)
+
+
+def pat_slice_select(b: Builder) -> None:
+    x = b.pick_float(rank=4)
+    s = list(b.shape(x))
+    a = b.pick_one([1, 1, 2, 3, 0])
+    d = s[a]
+    if d < 2:
+        raise Skip("axis too short")
+    parts = []
+    for _ in range(2):
+        st = b.randint(0, d - 1)
+        en = b.pick_one([b.randint(st + 1, d), d + 5, INT64_MAX])
+        sp = b.pick_one([1, 1, 2])
+        o = list(s)
+        o[a] = _slice_len(d, st, en, sp)
+        parts.append(full_slice(b, x, [st], [en], [a], [sp], o))
+    scaled = b.pick_one([[], [0], [1], [0, 1]] if b.p(0.2) else [[], [0], [1]])
+    for k in scaled:
+        sh = b.shape(parts[k])
+        c = np.float32(b.pick_one([2.0, -0.5, 3.0])) if b.p(0.85) else b.values(FLOAT, (sh[3],), "nonzero")
+        ins = [parts[k], b.const(c)] if b.p(0.5) else [b.const(c), parts[k]]
+        parts[k] = b.node1("Mul", ins, FLOAT, sh)
+    cat_axis = a if b.p(0.9) else b.pick_one([i for i in range(4) if i != a])
+    sh0, sh1 = b.shape(parts[0]), b.shape(parts[1])
+    if any(sh0[i] != sh1[i] for i in range(4) if i != cat_axis):
+        raise Skip("parts of other sizes")
+    out = list(sh0)
+    out[cat_axis] = sh0[cat_axis] + sh1[cat_axis]
+    b.node1("Concat", parts, FLOAT, out, axis=cat_axis)
+
+
+def pat_min_max_near(b: Builder) -> None:
+    """Min/Max pairs the Clip fold must leave: bounds the wrong way round,
+    a bound of several values, the bound computed, the middle read twice."""
+    x = b.pick_float(min_rank=1)
+    s = b.shape(x)
+    first, second = ("Min", "Max") if b.p(0.5) else ("Max", "Min")
+    u = b.rng.random()
+    c_first = b.const(np.float32(b.pick_one([0.0, 0.5])))
+    if u < 0.3:  # lower above upper
+        c_second = b.const(np.float32(1.0 if first == "Min" else -1.0))
+    elif u < 0.6:
+        c_second = b.const(b.values(FLOAT, (s[-1],)))
+    elif u < 0.8:
+        c_second = b.node1("Tanh", [x], FLOAT, s)
+    else:
+        c_second = b.const(np.float32(-2.0 if first == "Min" else 2.0))
+    y = b.node1(first, [x, c_first], FLOAT, s)
+    out = broadcast(s, b.shape(c_second))
+    b.node1(second, [y, c_second] if b.p(0.5) else [c_second, y], FLOAT, out)
+    if u >= 0.8:
+        b.node1("Neg", [y], FLOAT, s)  # the middle has a second reader
+
+
+def pat_mul_add_fold(b: Builder) -> None:
+    x = b.pick_float()
+    s = b.shape(x)
+    cs = b.other_shape(s, larger=False)
+    c1 = b.const(b.values(FLOAT, cs))
+    c2 = b.const(b.values(FLOAT, cs if b.p(0.85) else (1,) + tuple(cs)))
+    m1 = b.node1("Mul", [x, c1] if b.p(0.5) else [c1, x], FLOAT, broadcast(s, cs))
+    u = b.rng.random()
+    other = x if u < 0.75 else b.pick(lambda n: b.shape(n) == s, floats=True)
+    op = "Mul" if u < 0.9 else "Add"
+    m2 = b.node1(op, [other, c2] if b.p(0.5) else [c2, other], FLOAT, broadcast(s, b.shape(c2)))
+    b.node1("Add", [m1, m2] if b.p(0.5) else [m2, m1], FLOAT, broadcast(b.shape(m1), b.shape(m2)))
+
+
+def pat_cast_equal(b: Builder) -> None:
+    """A Cast to or from bool compared with a constant, read back as float."""
+    x = b.pick_float()
+    s = b.shape(x)
+    cs = s if b.p(0.5) else ()
+    if b.p(0.5):  # integers to bool: against false it folds, against true it must not
+        xi = b.node1("Cast", [b.node1("Round", [x], FLOAT, s)], INT64, s, to=INT64)
+        m = b.node1("Cast", [xi], BOOL, s, to=BOOL)
+        c = b.const(np.zeros(cs, bool) if b.p(0.7) else np.ones(cs, bool))
+    else:  # bool to numbers: against 0s and 1s it folds, against 0.5 it must not
+        bx = b.node1("Greater", [x, b.const(np.float32(0.0))], BOOL, s)
+        to = b.pick_one([FLOAT, INT64])
+        m = b.node1("Cast", [bx], to, s, to=to)
+        vals = b.rng.integers(0, 2, cs) if b.p(0.8) else np.full(cs, 0.5 if to == FLOAT else 2)
+        c = b.const(np.asarray(vals, np.float32 if to == FLOAT else np.int64))
+    eq = b.node("Equal", [m, c] if b.p(0.8) else [c, m], [(BOOL, s)])[0]
+    b.node1("Cast", [eq], FLOAT, s, to=FLOAT)
+
+
 PATTERNS: List[Tuple[Callable[[Builder], None], float]] = [
     (pat_transpose, 8),
     (pat_transpose_pair, 8),
@@ -2256,6 +2396,12 @@ PATTERNS: List[Tuple[Callable[[Builder], None], float]] = [
     (pat_reshape_pair_into_elementwise, 2),
     (pat_mul_pair_add, 2),
     (pat_layout_around_concat_split, 3),
+    # small fusions
+    (pat_focus_stem, 5),
+    (pat_slice_select, 4),
+    (pat_min_max_near, 1.5),
+    (pat_mul_add_fold, 2),
+    (pat_cast_equal, 2),
 ]
 _WEIGHTS = np.array([w for _, w in PATTERNS], dtype=float)
 _WEIGHTS /= _WEIGHTS.sum()

@@ -78,6 +78,15 @@ def test_reduced_model_computes_the_same(reduced_pair):
             np.testing.assert_allclose(b, a, rtol=1e-4, atol=1e-5, err_msg=f"{name}:{o.name}")
 
 
+def test_yolo_focus_stem_is_one_conv(reduced_pair):
+    name, original, reduced, report = reduced_pair
+    if name != "yolo_focus.onnx":
+        pytest.skip("no focus stem")
+    stem = [n.op_type for n in reduced.graph.node if n.name.startswith("/stem/")]
+    assert "Slice" not in stem and stem.count("Conv") == 2, stem  # the fixed-weight one and the stem's own
+    assert report["fired"].get("fuse_focus_slice2") == 1
+
+
 def test_vad_state_carries_over_steps():
     """The recurrent state leaving one step feeds the next: a reduced graph
     that broke stateN would drift from the original within a few frames."""
