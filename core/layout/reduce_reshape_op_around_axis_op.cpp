@@ -229,6 +229,9 @@ RuleResult _p_reduce_reshape_op_around_axis_op(IR& ir, const NodeList& nodes, Qu
   if (!is_split && nod->op_type() != "Concat") return no_match();
   if (is_split && (nod->input.size() < 2 || !ir.is_const(nod->input[1]) || ir.is_const(nod->input[0])))
     return no_match();
+  // The new Reshape targets are written as numbers: they hold for one set of
+  // shapes, not for a model with several shape profiles.
+  if (!ir.dynamic_shapes.empty()) return no_match();
   // Shapes must be known and hold data: every tensor gets a written shape.
   for (const std::string& t : nod->input)
     if (t.empty() || !shape_holds_data(ir.get_shape(t))) return no_match();
