@@ -182,6 +182,15 @@ RuleResult _p_reduce_tp_in_mesh_forward(IR& ir, const NodeList& nodes, QuantTabl
 // Mesh reduction seeded with the Transpose's input, retried with refused nodes excluded.
 RuleResult _p_reduce_tp_in_mesh_backward(IR& ir, const NodeList& nodes, QuantTable* quant_tab);
 
+// Moves a Split and the point-wise branches under it into the layout its
+// Transpose neighbours would cancel against.
+RuleResult _p_reduce_transpose_op_around_sub_graph(IR& ir, const NodeList& nodes,
+                                                   QuantTable* quant_tab);
+// Runs a Concat or Split in the shape its Reshape neighbours have, where that
+// saves Reshape nodes that move data (a Gather repairs the order if needed).
+RuleResult _p_reduce_reshape_op_around_axis_op(IR& ir, const NodeList& nodes,
+                                               QuantTable* quant_tab);
+
 // The nodes of the graph with these names, each once, in graph order: found
 // through the name index, so the cost follows the list, not the graph.
 NodeList _func_nodes_named(const IR& ir, const std::vector<std::string>& names);

@@ -73,8 +73,8 @@ const std::vector<ProcEntry>& registry() {
       {"_p_reduce_tp_in_mesh", _p_reduce_tp_in_mesh},
       {"_p_reduce_tp_in_mesh_forward", _p_reduce_tp_in_mesh_forward},
       {"_p_reduce_tp_in_mesh_backward", _p_reduce_tp_in_mesh_backward},
-      {"_p_reduce_transpose_op_around_sub_graph", nullptr},
-      {"_p_reduce_reshape_op_around_axis_op", nullptr},
+      {"_p_reduce_transpose_op_around_sub_graph", _p_reduce_transpose_op_around_sub_graph},
+      {"_p_reduce_reshape_op_around_axis_op", _p_reduce_reshape_op_around_axis_op},
       // ScatterND
       {"_p_fuse_two_scatternd", _p_fuse_two_scatternd},
       {"_p_fuse_two_scatternd2", _p_fuse_two_scatternd2},

@@ -121,3 +121,53 @@ def transformer_encoder(layers: int, seq: int = 16, dim: int = 32, heads: int = 
     model = helper.make_model(graph, opset_imports=[helper.make_opsetid("", 13)], producer_name="tolm-bench")
     model.ir_version = 8
     return model
+
+
+def multi_branch_blocks(blocks: int, channels: int = 8, size: int = 8, seed: int = 0) -> onnx.ModelProto:
+    """`blocks` multi-branch blocks over an NCHW tensor, as exporters write
+    grouped branches. Each block: a 1x1 Conv; a channels-last stage (Transpose
+    to NHWC, Split over channels, Relu and Sigmoid pieces added back together,
+    Transpose to NCHW, the half-width result doubled by a Concat); a flattened
+    stage (Reshape to [N, C, H*W], Split over channels, each piece reshaped
+    back to a map: one through a channels-last Sigmoid between two Transpose
+    nodes, the other through a Tanh; each flattened again, joined by a
+    Concat, reshaped to a map and through a Relu)."""
+    b = _Builder(seed)
+    c, h, w = channels, size, size
+    half = c // 2
+    x = "x"
+    for i in range(blocks):
+        p = f"b{i}_"
+        t = b.node("Conv", [x, b.weight(p + "w", (c, c, 1, 1)), b.weight(p + "cb", (c,))], [p + "conv"], p + "conv")
+        t = b.node("Transpose", [t], [p + "nhwc"], p + "to_nhwc", perm=[0, 2, 3, 1])
+        lens = b.const(p + "halves", np.array([half, half], np.int64))
+        b.node("Split", [t, lens], [p + "a0", p + "a1"], p + "split_nhwc", axis=3)
+        r = b.node("Relu", [p + "a0"], [p + "ar"], p + "relu")
+        s = b.node("Sigmoid", [p + "a1"], [p + "as"], p + "sigmoid")
+        t = b.node("Add", [r, s], [p + "sum"], p + "add")
+        t = b.node("Transpose", [t], [p + "nchw"], p + "to_nchw", perm=[0, 3, 1, 2])
+        t = b.node("Concat", [t, t], [p + "wide"], p + "widen", axis=1)
+        flat = b.const(p + "flat_shape", np.array([1, c, h * w], np.int64))
+        t = b.node("Reshape", [t, flat], [p + "flat"], p + "flatten")
+        b.node("Split", [t, lens], [p + "f0", p + "f1"], p + "split_flat", axis=1)
+        piece = b.const(p + "piece", np.array([1, half, h, w], np.int64))
+        piece_flat = b.const(p + "piece_flat", np.array([1, half, h * w], np.int64))
+        u = b.node("Reshape", [p + "f0", piece], [p + "u"], p + "unflatten0")
+        u = b.node("Transpose", [u], [p + "u_nhwc"], p + "u_to_nhwc", perm=[0, 2, 3, 1])
+        u = b.node("Sigmoid", [u], [p + "u_act"], p + "u_sigmoid")
+        u = b.node("Transpose", [u], [p + "u_nchw"], p + "u_to_nchw", perm=[0, 3, 1, 2])
+        u = b.node("Reshape", [u, piece_flat], [p + "u_flat"], p + "u_flatten")
+        v = b.node("Reshape", [p + "f1", piece], [p + "v"], p + "unflatten1")
+        v = b.node("Tanh", [v], [p + "v_act"], p + "v_tanh")
+        v = b.node("Reshape", [v, piece_flat], [p + "v_flat"], p + "v_flatten")
+        t = b.node("Concat", [u, v], [p + "joined"], p + "join", axis=1)
+        t = b.node("Reshape", [t, b.const(p + "map_shape", np.array([1, c, h, w], np.int64))], [p + "map"], p + "unflatten")
+        x = b.node("Relu", [t], [p + "out"], p + "out")
+    graph = helper.make_graph(
+        b.nodes, "multi_branch_blocks",
+        [helper.make_tensor_value_info("x", TensorProto.FLOAT, [1, c, h, w])],
+        [helper.make_tensor_value_info(x, TensorProto.FLOAT, [1, c, h, w])],
+        initializer=b.inits)
+    model = helper.make_model(graph, opset_imports=[helper.make_opsetid("", 17)])
+    model.ir_version = 8
+    return model

@@ -1962,6 +1962,138 @@ def pat_split_relocation(b: Builder) -> None:
         for pc, (_, ps) in zip(b.node("Split", [y, b.ints(sizes, "split")], outs, axis=a), outs):
             b.node1("Relu", [pc], FLOAT, ps)
 
+# ---- layout around Split and Concat: Transpose and Reshape neighbours ----------
+
+BRANCH_ACTS = ["Relu", "Sigmoid", "Tanh", "LeakyRelu", "Softsign"]
+BRANCH_ALUS = ["Add", "Mul", "Sub", "Max"]
+
+
+def pat_split_branches_tp(b: Builder) -> None:
+    """Transpose -> Split -> per-piece activation (or scalar arithmetic) ->
+    joined -> Transpose back; near misses: another perm back, a piece or the
+    join read outside, a constant per channel inside, an outside operand."""
+    x = b.pick_float(min_rank=2, max_rank=4)
+    s = b.shape(x)
+    r = len(s)
+    perm = random_perm(b, r)
+    s1 = [s[p] for p in perm]
+    t = b.node1("Transpose", [x], FLOAT, s1, perm=perm)
+    a = b.randint(0, r - 1)
+    u = b.rng.random()
+    if u < 0.6 and s1[a] % 2 == 0:  # split_activation_alu, two equal pieces joined
+        part = [d // 2 if i == a else d for i, d in enumerate(s1)]
+        p0, p1 = b.node("Split", [t, b.ints([s1[a] // 2] * 2, "split")], [(FLOAT, part)] * 2, axis=a)
+        r0 = b.node1(b.pick_one(BRANCH_ACTS), [p0], FLOAT, part)
+        r1 = b.node1(b.pick_one(BRANCH_ACTS), [p1], FLOAT, part)
+        other = r1
+        if b.p(0.1):
+            other = tensor_of(b, part)
+        j = b.node1(b.pick_one(BRANCH_ALUS), [r0, other], FLOAT, part)
+        if b.p(0.1):
+            b.node1("Neg", [p1], FLOAT, part)
+    else:  # split_alu_activation on one piece, with a constant inside
+        part = list(s1)
+        (p0,) = b.node("Split", [t, b.ints([s1[a]], "split")], [(FLOAT, part)], axis=a)
+        cshape = [1] * r if b.p(0.7) else [d if i == a else 1 for i, d in enumerate(part)]
+        m = b.node1(b.pick_one(BRANCH_ALUS), [p0, b.const(b.values(FLOAT, cshape, "nonzero"))], FLOAT, part)
+        j = b.node1(b.pick_one(BRANCH_ACTS), [m], FLOAT, part)
+    back = inverse_perm(perm) if b.p(0.8) else random_perm(b, r)
+    b.node1("Transpose", [j], FLOAT, [b.shape(j)[p] for p in back], perm=back)
+    if b.p(0.25):
+        b.node1("Neg", [j], FLOAT, b.shape(j))
+
+
+def merge_axes(s: Sequence[int], m: int) -> List[int]:
+    return list(s[:m]) + [s[m] * s[m + 1]] + list(s[m + 2 :])
+
+
+def pat_reshape_around_concat(b: Builder) -> None:
+    """Pieces reshaped alike (two axes merged) -> Concat -> Reshape back; the
+    merge may cross the joined axis (then a Gather repairs the order); near
+    misses: a plain piece, a second Reshape in a row, another shape after."""
+    r = b.randint(3, 4)
+    base = [b.randint(1, 4) for _ in range(r)]
+    a = b.randint(0, r - 1)
+    m = b.randint(0, r - 2)
+    k = b.randint(2, 3)
+    sizes = [b.randint(1, 3) for _ in range(k)]
+    ins = []
+    for c in sizes:
+        ps = [c if i == a else d for i, d in enumerate(base)]
+        x = tensor_of(b, ps)
+        if b.p(0.1):
+            ins.append(b.node1("Relu", [tensor_of(b, merge_axes(ps, m))], FLOAT, merge_axes(ps, m)))
+        else:
+            ins.append(reshape(b, x, merge_axes(ps, m)))
+    ma = a if a < m else (m if a in (m, m + 1) else a - 1)
+    if a in (m, m + 1) and b.p(0.5):
+        raise Skip("merged axis holds the join only on its outer part")
+    cat = b.node1("Concat", ins, FLOAT, _concat_shape(b, ins, ma), axis=ma)
+    full = [sum(sizes) if i == a else d for i, d in enumerate(base)]
+    if b.p(0.85):
+        y = reshape(b, cat, full)
+        if b.p(0.1):
+            reshape(b, y, [prod(full)])
+    if b.p(0.2):
+        b.node1("Neg", [cat], FLOAT, b.shape(cat))
+
+
+def pat_reshape_around_split(b: Builder) -> None:
+    """x -> Reshape (two axes merged) -> Split -> each piece reshaped back;
+    near misses: a piece read plainly, a piece reshaped to a graph output,
+    another shape."""
+    r = b.randint(3, 4)
+    base = [b.randint(1, 4) for _ in range(r)]
+    a = b.randint(0, r - 1)
+    m = b.randint(0, r - 2)
+    k = b.randint(2, 3)
+    sizes = [b.randint(1, 3) for _ in range(k)]
+    full = [sum(sizes) if i == a else d for i, d in enumerate(base)]
+    ma = a if a < m else (m if a in (m, m + 1) else a - 1)
+    if a in (m, m + 1) and (m + 1 - a) == 0 and base[m] != 1:
+        raise Skip("pieces are not runs of the merged axis")
+    x = tensor_of(b, full)
+    y = reshape(b, x, merge_axes(full, m))
+    mult = full[m + 1] if a == m else 1
+    outs = [(FLOAT, [(c * mult if a == m else c) if i == ma else d for i, d in enumerate(merge_axes(full, m))])
+            for c in sizes]
+    pieces = b.node("Split", [y, b.ints([o[1][ma] for o in outs], "split")], outs, axis=ma)
+    for pc, c in zip(pieces, sizes):
+        ps = [c if i == a else d for i, d in enumerate(base)]
+        if b.p(0.85):
+            z = reshape(b, pc, ps)
+            if b.p(0.5):
+                b.node1("Relu", [z], FLOAT, ps)
+        else:
+            b.node1("Neg", [pc], FLOAT, b.shape(pc))
+
+
+def pat_split_branch_layouts(b: Builder) -> None:
+    """Split -> per-branch Transpose or Reshape, element-wise ops, and back
+    -> Concat: the multi-branch block."""
+    x = b.pick_float(rank=4)
+    s = b.shape(x)
+    if s[1] < 2:
+        raise Skip("channels too few")
+    parts = split(b, x, 1)
+    outs = []
+    for p in parts:
+        ps = list(b.shape(p))
+        if b.p(0.5):
+            perm = [0, 2, 3, 1]
+            t = b.node1("Transpose", [p], FLOAT, [ps[q] for q in perm], perm=perm)
+            t = b.node1(b.pick_one(BRANCH_ACTS), [t], FLOAT, b.shape(t))
+            back = inverse_perm(perm) if b.p(0.9) else perm
+            t = b.node1("Transpose", [t], FLOAT, [b.shape(t)[q] for q in back], perm=back)
+        else:
+            t = reshape(b, p, [ps[0], ps[1], ps[2] * ps[3]])
+            t = b.node1(b.pick_one(BRANCH_ACTS), [t], FLOAT, b.shape(t))
+            t = reshape(b, t, ps) if b.p(0.9) else reshape(b, t, [ps[0], ps[1] * ps[2], ps[3]])
+        outs.append(t)
+    if len({len(b.shape(o)) for o in outs}) == 1 and len(outs) > 1:
+        if all(list(b.shape(o))[2:] == list(b.shape(outs[0]))[2:] and b.shape(o)[0] == b.shape(outs[0])[0] for o in outs):
+            b.node1("Concat", outs, FLOAT, _concat_shape(b, outs, 1), axis=1)
+
 
 def pat_fused_qkv(b: Builder) -> None:
     """Attention heads from one fused QKV projection: Split, per-path head
@@ -2402,6 +2534,11 @@ PATTERNS: List[Tuple[Callable[[Builder], None], float]] = [
     (pat_min_max_near, 1.5),
     (pat_mul_add_fold, 2),
     (pat_cast_equal, 2),
+    # Transpose and Reshape neighbours around Split and Concat
+    (pat_split_branches_tp, 4),
+    (pat_reshape_around_concat, 3),
+    (pat_reshape_around_split, 3),
+    (pat_split_branch_layouts, 3),
 ]
 _WEIGHTS = np.array([w for _, w in PATTERNS], dtype=float)
 _WEIGHTS /= _WEIGHTS.sum()
