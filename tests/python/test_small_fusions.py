@@ -154,9 +154,9 @@ def test_focus_slice_refused(model):
 
 def focus6(shape, ends=(BIG,) * 6, axes=(2, 3), extra=()):
     a, b = axes
-    spec = [("x", "h0", 0, a), ("x", "h1", 1, a), ("h0", "q0", 0, b), ("h0", "q2", 1, b), ("h1", "q1", 0, b),
+    cuts = [("x", "h0", 0, a), ("x", "h1", 1, a), ("h0", "q0", 0, b), ("h0", "q2", 1, b), ("h1", "q1", 0, b),
             ("h1", "q3", 1, b)]
-    parts = [sl(src, dst, "t_" + dst, [st], [e], [ax], [2]) for (src, dst, st, ax), e in zip(spec, ends)]
+    parts = [sl(src, dst, "t_" + dst, [st], [e], [ax], [2]) for (src, dst, st, ax), e in zip(cuts, ends)]
     parts += [("Concat", ["q0", "q1", "q2", "q3"], ["y"], {"name": "cat", "axis": 1}), *extra]
     return build(parts, {"x": shape}, {"y": None, **({"z": None} if extra else {})})
 
