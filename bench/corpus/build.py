@@ -385,6 +385,24 @@ def build_ddddocr_det(out: Path) -> dict:
     return {"kind": "captcha box detector (YOLOX-style, focus stem)", "source": src}
 
 
+def _graph_writers(nodes: list, inits: list):
+    """const(name, array) and node(op, inputs, outputs, **attrs) that append
+    to `inits` and `nodes` and return the tensor name, for graphs written by
+    hand with onnx.helper."""
+    import numpy as np
+    from onnx import helper, numpy_helper
+
+    def const(name, arr):
+        inits.append(numpy_helper.from_array(np.asarray(arr), name))
+        return name
+
+    def node(op, ins, outs, **attrs):
+        nodes.append(helper.make_node(op, ins, outs, name=outs[0] + "_node", **attrs))
+        return outs[0]
+
+    return const, node
+
+
 def build_kv_decoder(out: Path) -> dict:
     """A two-layer decoder step over a KV cache, written with onnx.helper in
     the form exporters give an in-place cache update: the step's two new
@@ -398,14 +416,7 @@ def build_kv_decoder(out: Path) -> dict:
     E, H, D, S, T, POS = 32, 2, 16, 8, 2, 3
     f32 = np.float32
     nodes, inits = [], []
-
-    def const(name, arr):
-        inits.append(numpy_helper.from_array(np.asarray(arr), name))
-        return name
-
-    def node(op, ins, outs, **attrs):
-        nodes.append(helper.make_node(op, ins, outs, name=outs[0] + "_node", **attrs))
-        return outs[0]
+    const, node = _graph_writers(nodes, inits)
 
     inputs = [helper.make_tensor_value_info("x", TensorProto.FLOAT, [1, T, E])]
     outputs = []
@@ -486,14 +497,7 @@ def build_fused_qkv_attention(out: Path) -> dict:
     E, H, D, S, F = 32, 4, 8, 6, 64
     f32 = np.float32
     nodes, inits = [], []
-
-    def const(name, arr):
-        inits.append(numpy_helper.from_array(np.asarray(arr), name))
-        return name
-
-    def node(op, ins, outs, **attrs):
-        nodes.append(helper.make_node(op, ins, outs, name=outs[0] + "_node", **attrs))
-        return outs[0]
+    const, node = _graph_writers(nodes, inits)
 
     def weight(*shape):
         return (rng.standard_normal(shape) / np.sqrt(shape[0])).astype(f32)

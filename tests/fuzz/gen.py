@@ -2007,16 +2007,23 @@ def merge_axes(s: Sequence[int], m: int) -> List[int]:
     return list(s[:m]) + [s[m] * s[m + 1]] + list(s[m + 2 :])
 
 
-def pat_reshape_around_concat(b: Builder) -> None:
-    """Pieces reshaped alike (two axes merged) -> Concat -> Reshape back; the
-    merge may cross the joined axis (then a Gather repairs the order); near
-    misses: a plain piece, a second Reshape in a row, another shape after."""
+def _pieces_to_merge(b: Builder):
+    """A rank r of 3 or 4, a base shape, the joined axis a, the first of the
+    two neighbouring axes m, m+1 a Reshape merges, and 2-3 piece sizes."""
     r = b.randint(3, 4)
     base = [b.randint(1, 4) for _ in range(r)]
     a = b.randint(0, r - 1)
     m = b.randint(0, r - 2)
     k = b.randint(2, 3)
     sizes = [b.randint(1, 3) for _ in range(k)]
+    return r, base, a, m, sizes
+
+
+def pat_reshape_around_concat(b: Builder) -> None:
+    """Pieces reshaped alike (two axes merged) -> Concat -> Reshape back; the
+    merge may cross the joined axis (then a Gather repairs the order); near
+    misses: a plain piece, a second Reshape in a row, another shape after."""
+    _, base, a, m, sizes = _pieces_to_merge(b)
     ins = []
     for c in sizes:
         ps = [c if i == a else d for i, d in enumerate(base)]
@@ -2042,12 +2049,7 @@ def pat_reshape_around_split(b: Builder) -> None:
     """x -> Reshape (two axes merged) -> Split -> each piece reshaped back;
     near misses: a piece read plainly, a piece reshaped to a graph output,
     another shape."""
-    r = b.randint(3, 4)
-    base = [b.randint(1, 4) for _ in range(r)]
-    a = b.randint(0, r - 1)
-    m = b.randint(0, r - 2)
-    k = b.randint(2, 3)
-    sizes = [b.randint(1, 3) for _ in range(k)]
+    _, base, a, m, sizes = _pieces_to_merge(b)
     full = [sum(sizes) if i == a else d for i, d in enumerate(base)]
     ma = a if a < m else (m if a in (m, m + 1) else a - 1)
     if a in (m, m + 1) and (m + 1 - a) == 0 and base[m] != 1:

@@ -128,6 +128,19 @@ def tmp_model(tmp_path):
     return save
 
 
+def run_proc(model: onnx.ModelProto, proc_name: str, node_names):
+    """Calls a rule by name on the named nodes without applying its result:
+    (the graph as the rule left it, removed node names, added nodes), for
+    rules on extended ops that no runtime can check."""
+    from tolm.api.ir_graph import IRGraph
+    from tolm.api.rules import reduce
+
+    ir = IRGraph(model)
+    by_name = {n.name: n for n in ir.node}
+    remove, add = getattr(reduce, proc_name)(ir, [by_name[n] for n in node_names], None)
+    return ir, [n.name for n in remove], add
+
+
 def call_rule(model: onnx.ModelProto, proc_name: str, node_names, quant_tab=None):
     """Calls a rule by name on the named nodes, as the compiler does, and applies
     its result. Returns (removed node names, added op types, model after). When

@@ -7,9 +7,7 @@ import pytest
 from onnx import helper, numpy_helper
 
 import tolm
-from conftest import assert_same_outputs, call_rule, make_model, op_counts
-from tolm.api.ir_graph import IRGraph
-from tolm.api.rules import reduce
+from conftest import assert_same_outputs, call_rule, make_model, op_counts, run_proc
 
 F = np.float32
 RNG = np.random.default_rng(0)
@@ -175,13 +173,6 @@ def split_exmatmul(split_axis=1, concat_axis=1, n_split=3, run=(0, 3), mm_at=1, 
                      numpy_helper.from_array(np.asarray(lens, np.int64), "lens")],
         value_info=[vi("m", [1, 2, 1, 4])])
     return helper.make_model(graph, opset_imports=[helper.make_opsetid("", 13)])
-
-
-def run_proc(model, proc, names):
-    ir = IRGraph(model)
-    by_name = {n.name: n for n in ir.node}
-    remove, add = getattr(reduce, proc)(ir, [by_name[n] for n in names], None)
-    return ir, [n.name for n in remove], add
 
 
 @pytest.mark.parametrize("split_axis, n_split, run", [(1, 3, (0, 3)), (-3, 4, (1, 4))])

@@ -7,9 +7,7 @@ import numpy as np
 import pytest
 from onnx import helper, numpy_helper
 
-from conftest import call_rule, make_model
-from tolm.api.ir_graph import IRGraph
-from tolm.api.rules import reduce
+from conftest import call_rule, make_model, run_proc
 
 F = np.float32
 
@@ -155,13 +153,6 @@ def exmatmul_model(const_first, gather_axis, bias=None, feature=(1, 1, 3, 4), co
         inputs.append(helper.make_tensor_value_info("b", 1, list(bias)))
     graph = helper.make_graph(nodes, "t", inputs, [helper.make_tensor_value_info("y", 1, None)], initializer=inits)
     return helper.make_model(graph, opset_imports=[helper.make_opsetid("", 13)])
-
-
-def run_proc(model, proc, names):
-    ir = IRGraph(model)
-    by_name = {n.name: n for n in ir.node}
-    remove, add = getattr(reduce, proc)(ir, [by_name[n] for n in names], None)
-    return ir, [n.name for n in remove], add
 
 
 def test_exmatmul_gather_on_columns_takes_the_weight():
