@@ -118,9 +118,10 @@ class SiblingTest {
   // no duplicates whatever their attributes say.
   bool matches(const Node& nod) const {
     for (size_t i = 0; i < cur_.input.size(); ++i) {
-      if (nod.input[i] == cur_.input[i]) continue;
+      const std::string& theirs = nod.input[i];
+      if (theirs == cur_.input[i]) continue;
       if (kind_ == Kind::kConcat || !cur_consts_[i]) return false;
-      if (!same_const(cur_consts_[i], ir_.get_const(nod.input[i]))) return false;
+      if (!same_const(cur_consts_[i], ir_.get_const(theirs))) return false;
     }
     switch (kind_) {
       case Kind::kDataConvert:

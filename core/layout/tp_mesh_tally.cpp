@@ -73,8 +73,13 @@ void MeshTally::node_gains(const NodePtr& n, const std::string& t, bool as_outpu
       if (!is_ignored_position(skip_out, i)) --st.missing;
     }
   } else {
-    for (size_t i = 0; i < n->input.size(); ++i)
-      if (n->input[i] == t && !is_ignored_position(skip_in, i)) --st.missing;
+    // Every slot that reads `t` outside the ignored positions is one fewer
+    // tensor missing from the mesh.
+    size_t slot = 0;
+    for (const std::string& read : n->input.names()) {
+      if (read == t && !is_ignored_position(skip_in, slot)) --st.missing;
+      ++slot;
+    }
   }
   if (!st.pass && st.missing == 0 && st.outputs_in > 0) becomes_pass(n);
 }
