@@ -4,7 +4,6 @@ files, integer ranges, and an exit code of its own when it cannot run."""
 import json
 
 import numpy as np
-import onnx
 import pytest
 from onnx import TensorProto
 
@@ -102,6 +101,7 @@ class TestCheckFromPython:
         "kw, error, match",
         [
             ({"check": -1}, ValueError, "check must be >= 0"),
+            ({"check": tolm.MAX_CHECK_RUNS + 1}, ValueError, "at most 1000"),
             ({"check": "2"}, TypeError, "check must be a number of input sets"),
             ({"check": True}, TypeError, "check must be a number"),
             ({"check": 1, "check_rtol": -1}, ValueError, "check_rtol must be a finite number >= 0"),
