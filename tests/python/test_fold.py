@@ -9,27 +9,13 @@ from pathlib import Path
 import numpy as np
 import onnx
 import pytest
-from onnx import TensorProto, helper, numpy_helper
+from onnx import numpy_helper
 
 import tolm
-from conftest import assert_same_outputs, make_model, run_cli
+from conftest import make_model, reduced_ok, run_cli
 from fold_models import SCENARIOS, constant_if, foldable_left
 
 DATA = Path(__file__).resolve().parent / "data"
-
-
-def reduced_ok(model, **kw):
-    reduced, report = tolm.reduce(model, **kw)
-    onnx.checker.check_model(reduced, full_check=True)
-    assert [i.name for i in reduced.graph.input] == [i.name for i in model.graph.input]
-    for want, got in zip(model.graph.output, reduced.graph.output):
-        assert got.type.tensor_type.elem_type == want.type.tensor_type.elem_type, want.name
-        dims = [(d.dim_value or None) for d in want.type.tensor_type.shape.dim]
-        assert [(d.dim_value if w else None) for d, w in zip(got.type.tensor_type.shape.dim, dims)] == dims
-    assert_same_outputs(model, reduced)
-    again, _ = tolm.reduce(reduced, **kw)
-    assert again.SerializeToString() == reduced.SerializeToString(), "a second reduce changed the model"
-    return reduced, report
 
 
 def ops(model):

@@ -6,21 +6,12 @@ import onnx
 import pytest
 
 import tolm
-from conftest import assert_same_outputs, make_model
+from conftest import assert_same_outputs, make_model, reduced_ok
 from tolm.layout_models import channels_last_cnn, transformer_encoder
 
 
 def transposes(model):
     return sum(n.op_type == "Transpose" for n in model.graph.node)
-
-
-def reduced_ok(model):
-    reduced, report = tolm.reduce(model)
-    onnx.checker.check_model(reduced, full_check=True)
-    assert [i.name for i in reduced.graph.input] == [i.name for i in model.graph.input]
-    assert [o.name for o in reduced.graph.output] == [o.name for o in model.graph.output]
-    assert_same_outputs(model, reduced)
-    return reduced, report
 
 
 @pytest.mark.parametrize("blocks", [2, 5, 12])
