@@ -20,19 +20,6 @@ def test_removable_producer_of_graph_output_keeps_name():
     assert any("y" in n.output for n in reduced.graph.node)
 
 
-def test_example_model_shrinks_and_report_is_complete():
-    m = example_model()
-    reduced, report = reduced_ok(m, check=2)
-    assert report["nodes_before"] == len(m.graph.node)
-    assert report["ops_before"]["Transpose"] == 2
-    assert report["ops_after"].get("Transpose", 0) == 0
-    assert report["nodes_after"] == len(reduced.graph.node) < len(m.graph.node)
-    assert report["converged"] is True
-    assert report["check"]["status"] == "passed"
-    text = tolm.format_report(report)
-    assert "Transpose" in text and "check: passed" in text
-
-
 def test_graph_input_feeding_output_directly():
     # Nothing to reduce but a no-op between a graph input and output: the
     # output's name must stay, produced by some node.
