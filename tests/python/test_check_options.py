@@ -93,10 +93,6 @@ class TestCheckFromPython:
             assert check["status"] == "passed" and check["inputs_from_files"] == ["x"]
             assert check["runs"] == 1 and check["input_shapes"] == {"x": [2, 6]}
 
-    def test_tolerances_reach_the_comparison(self):
-        _, report = tolm.reduce(embedding_model(), check=1, check_rtol=0.5, check_atol=0.25)
-        assert (report["check"]["rtol"], report["check"]["atol"]) == (0.5, 0.25)
-
     @pytest.mark.parametrize(
         "kw, error, match",
         [
