@@ -177,22 +177,3 @@ class TestApply:
         m.graph.node[1].input[0] = "t2"
         m.graph.node.insert(1, helper.make_node("Transpose", ["t"], ["t2"], name="tp2", perm=[0, 2, 1]))
         assert_same_outputs(m, out)
-
-    def test_apply_chain_in_reverse_creation_order(self, ir):
-        # `add` in creation order need not be flow order: the driver must sort.
-        relu = ir.find_node("relu")
-        second = helper.make_node("Relu", ["mid"], ["y"], name="second")
-        first = helper.make_node("Neg", ["r"], ["mid"], name="first")
-        ir.apply([relu], [second, first])
-        order = [n.name for n in ir.node]
-        assert order.index("first") < order.index("second") < order.index("sum")
-        onnx.checker.check_model(ir.to_onnx(), full_check=True)
-
-    def test_apply_survivor_with_same_output_name(self, ir):
-        # Reshape takes over the Relu's output name: removing the Relu must not
-        # take the Reshape with it.
-        rs, relu = ir.find_node("rs"), ir.find_node("relu")
-        rs.output[0] = "y"
-        ir.apply([relu], [])
-        assert ir.find_node("rs") is rs and ir.pre_nodes("y") == [rs]
-        assert [n.name for n in ir.next_nodes("y")] == ["sum"]
