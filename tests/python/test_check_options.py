@@ -44,13 +44,6 @@ class TestCheckFromPython:
         assert "guessed as 1" in check["reason"]
         assert "NOT CHECKED" in tolm.format_report(report)
 
-    def test_check_input_shapes_make_it_run(self):
-        _, report = tolm.reduce(dynamic_model(), check=2, check_input_shapes={"x": [4, 6]})
-        check = report["check"]
-        assert check["status"] == "passed", check
-        assert check["input_shapes"] == {"x": [4, 6]} and check["guessed_dims"] == []
-        assert "inputs x [4,6]" in tolm.format_report(report)
-
     def test_bare_check_shape_for_one_input(self):
         _, report = tolm.reduce(dynamic_model(), check=1, check_input_shapes=[3, 6])
         assert report["check"]["input_shapes"] == {"x": [3, 6]}
