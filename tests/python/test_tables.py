@@ -21,30 +21,6 @@ class TestProcs:
 
 
 class TestQuantTab:
-    def q_model(self):
-        # int8 -> float -> MaxPool -> int8: the conversions can go around the MaxPool.
-        return make_model(
-            [
-                ("exDataConvert", ["x"], ["xf"], {"i_dtype": "int8", "o_dtype": "float32", "name": "cvt0"}),
-                ("MaxPool", ["xf"], ["p"], {"kernel_shape": [2, 2], "name": "pool"}),
-                ("exDataConvert", ["p"], ["y"], {"i_dtype": "float32", "o_dtype": "int8", "name": "cvt1"}),
-            ],
-            inputs={"x": (3, [1, 2, 4, 4])},
-            outputs={"y": None},
-        )
-
-    def test_range_change_written_back(self):
-        proc = proc_or_skip("_p_remove_dataconvert_for_q_op")
-        ir = IRGraph(self.q_model())
-        x_rec = {"min": -1.0, "max": 1.0, "name": "x", "extra": 7}
-        tab = {"x": x_rec, "y": {"min": -2.0, "max": 2.0, "name": "y"}}
-        remove, add = proc(ir, [ir.find_node("cvt0")], tab)
-        assert [n.name for n in remove] == ["cvt0"]
-        # The MaxPool output now carries the input's range under its own name.
-        assert tab["p"]["min"] == -1.0 and tab["p"]["max"] == 1.0 and tab["p"]["name"] == "p"
-        assert tab["x"] is x_rec and x_rec["extra"] == 7
-        assert tab["y"] == {"min": -2.0, "max": 2.0, "name": "y"}
-
     def test_untouched_table_stays_as_given_and_bad_table_raises(self):
         proc = proc_or_skip("_p_remove_invalid_node")
         ir = IRGraph(make_model([("Relu", ["x"], ["y"])], inputs={"x": [2]}, outputs={"y": None}))
