@@ -12,18 +12,6 @@
 using namespace tolm;
 using i64s = std::vector<int64_t>;
 
-TEST(NDArrayTypes, SizesAndKinds) {
-  for (auto [dtype, size] : std::vector<std::pair<int32_t, size_t>>{
-           {dt::FLOAT16, 2}, {dt::BFLOAT16, 2}, {dt::INT64, 8}, {dt::BOOL, 1}, {dt::COMPLEX128, 16},
-           {dt::STRING, 0}, {12345, 0}})
-    EXPECT_EQ(dtype_size(dtype), size) << dtype;
-  EXPECT_EQ(dtype_name(dt::DOUBLE), "float64");
-  EXPECT_TRUE(dtype_is_float(dt::BFLOAT16));
-  EXPECT_FALSE(dtype_is_integer(dt::BOOL));
-  EXPECT_EQ(shape_size({}), 1);
-  EXPECT_EQ(shape_size({2, 0}), 0);
-}
-
 TEST(NDArrayTypes, HalfAndBFloat16) {
   const float inf = std::numeric_limits<float>::infinity();
   for (auto [f, h] : std::vector<std::pair<float, uint16_t>>{

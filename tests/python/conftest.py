@@ -170,3 +170,33 @@ def op_counts(model: onnx.ModelProto) -> Dict[str, int]:
     for n in model.graph.node:
         counts[n.op_type] = counts.get(n.op_type, 0) + 1
     return counts
+
+
+def reduced_ok(model: onnx.ModelProto, **kw):
+    """tolm.reduce, then: the full checker passes, graph input names, output
+    types and fixed output dims stay, numbers stay, and a second reduce
+    changes nothing. Returns (reduced, report)."""
+    reduced, report = tolm.reduce(model, **kw)
+    onnx.checker.check_model(reduced, full_check=True)
+    assert [i.name for i in reduced.graph.input] == [i.name for i in model.graph.input]
+    for want, got in zip(model.graph.output, reduced.graph.output):
+        assert got.type.tensor_type.elem_type == want.type.tensor_type.elem_type, want.name
+        dims = [(d.dim_value or None) for d in want.type.tensor_type.shape.dim]
+        assert [(d.dim_value if w else None) for d, w in zip(got.type.tensor_type.shape.dim, dims)] == dims
+    assert_same_outputs(model, reduced)
+    again, _ = tolm.reduce(reduced, **kw)
+    assert again.SerializeToString() == reduced.SerializeToString(), "a second reduce changed the model"
+    return reduced, report
+
+
+def neg(src: str, dst: str = "y"):
+    """A Neg node tuple named after its output: a reader that keeps a tensor in use."""
+    return ("Neg", [src], [dst], {"name": "neg_" + dst})
+
+
+def const_of(model: onnx.ModelProto, name: str) -> np.ndarray:
+    return numpy_helper.to_array(next(i for i in model.graph.initializer if i.name == name))
+
+
+def node_of(model: onnx.ModelProto, name: str) -> onnx.NodeProto:
+    return next(n for n in model.graph.node if n.name == name)

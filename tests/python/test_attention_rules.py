@@ -7,7 +7,7 @@ import pytest
 from onnx import helper, numpy_helper
 
 import tolm
-from conftest import assert_same_outputs, call_rule, make_model, op_counts, run_proc
+from conftest import assert_same_outputs, call_rule, make_model, node_of, op_counts, run_proc
 
 F = np.float32
 RNG = np.random.default_rng(0)
@@ -15,10 +15,6 @@ RNG = np.random.default_rng(0)
 
 def w(*shape):
     return RNG.standard_normal(shape).astype(F)
-
-
-def node_of(model, name):
-    return next(n for n in model.graph.node if n.name == name)
 
 
 # ---- fuse_multihead_attention_reshape_to_gather_split ------------------------------

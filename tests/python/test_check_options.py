@@ -4,7 +4,6 @@ files, integer ranges, and an exit code of its own when it cannot run."""
 import json
 
 import numpy as np
-import onnx
 import pytest
 from onnx import TensorProto
 
@@ -44,13 +43,6 @@ class TestCheckFromPython:
         assert check["guessed_dims"] == ["x[0]", "x[1]"]
         assert "guessed as 1" in check["reason"]
         assert "NOT CHECKED" in tolm.format_report(report)
-
-    def test_check_input_shapes_make_it_run(self):
-        _, report = tolm.reduce(dynamic_model(), check=2, check_input_shapes={"x": [4, 6]})
-        check = report["check"]
-        assert check["status"] == "passed", check
-        assert check["input_shapes"] == {"x": [4, 6]} and check["guessed_dims"] == []
-        assert "inputs x [4,6]" in tolm.format_report(report)
 
     def test_bare_check_shape_for_one_input(self):
         _, report = tolm.reduce(dynamic_model(), check=1, check_input_shapes=[3, 6])
@@ -94,14 +86,11 @@ class TestCheckFromPython:
             assert check["status"] == "passed" and check["inputs_from_files"] == ["x"]
             assert check["runs"] == 1 and check["input_shapes"] == {"x": [2, 6]}
 
-    def test_tolerances_reach_the_comparison(self):
-        _, report = tolm.reduce(embedding_model(), check=1, check_rtol=0.5, check_atol=0.25)
-        assert (report["check"]["rtol"], report["check"]["atol"]) == (0.5, 0.25)
-
     @pytest.mark.parametrize(
         "kw, error, match",
         [
             ({"check": -1}, ValueError, "check must be >= 0"),
+            ({"check": tolm.MAX_CHECK_RUNS + 1}, ValueError, "at most 1000"),
             ({"check": "2"}, TypeError, "check must be a number of input sets"),
             ({"check": True}, TypeError, "check must be a number"),
             ({"check": 1, "check_rtol": -1}, ValueError, "check_rtol must be a finite number >= 0"),

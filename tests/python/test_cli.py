@@ -12,45 +12,28 @@ from tolm import cli
 from tolm.examples import example_model
 
 
-def test_example_run_prints_table_and_writes_model(tmp_path):
-    out = tmp_path / "ex.onnx"
-    res = run_cli("-o", str(out), "--check", "2")
+def test_example_run_prints_table_writes_model_and_report(tmp_path):
+    # The built-in example, as a shell runs it: the table, a valid smaller
+    # model under the same output names, and a JSON report that adds up.
+    out, report_path = tmp_path / "ex.onnx", tmp_path / "r.json"
+    res = run_cli("-o", str(out), "--check", "2", "--report", str(report_path))
     assert res.returncode == 0, res.stderr
     assert "op type" in res.stdout and "total" in res.stdout and "check: passed" in res.stdout
     reduced = onnx.load(str(out))
     onnx.checker.check_model(reduced, full_check=True)
     assert [o.name for o in reduced.graph.output] == ["logits", "features"]
-    assert len(reduced.graph.node) < len(example_model().graph.node)
-
-
-def test_report_json(tmp_path, tmp_model):
-    path = tmp_model(example_model())
-    report_path = tmp_path / "r.json"
-    assert cli.main([path, "-o", str(tmp_path / "o.onnx"), "--report", str(report_path), "--check", "1"]) == 0
     report = json.loads(report_path.read_text())
-    assert report["nodes_before"] == sum(report["ops_before"].values())
-    assert report["nodes_after"] == sum(report["ops_after"].values())
-    assert report["nodes_after"] < report["nodes_before"]
+    assert report["nodes_before"] == sum(report["ops_before"].values()) == len(example_model().graph.node)
+    assert report["nodes_after"] == sum(report["ops_after"].values()) == len(reduced.graph.node)
+    assert report["nodes_after"] < report["nodes_before"] and report["converged"] is True
     assert sum(report["fired"].values()) == report["rewrites"]
-    assert set(report["times_ms"]) == {"load", "reduce", "save", "check"}
     assert report["check"]["status"] == "passed" and report["check"]["rtol"] == 1e-4
 
 
-def test_input_shape_option(tmp_path, tmp_model):
-    m = make_model(
-        [("Reshape", ["x", "s"], ["r"]), ("Relu", ["r"], ["y"])],
-        inputs={"x": ["N", 4]},
-        outputs={"y": None},
-        consts={"s": [-1, 4]},
-    )
-    out = tmp_path / "o.onnx"
-    assert cli.main([tmp_model(m), "-o", str(out), "--input-shape", "x:3,4", "--check", "1"]) == 0
-    dims = [d.dim_value for d in onnx.load(str(out)).graph.input[0].type.tensor_type.shape.dim]
-    assert dims == [3, 4]
-
-
 def bad_models(tmp_path):
-    """Case name -> (command line, text the one-line error must hold)."""
+    """Case name -> (command line, text the one-line error must hold). Which
+    models the loader refuses, and its words, are the C++ loader tests' job;
+    here one such model (a cycle) stands for them all."""
     vi = lambda n: helper.make_tensor_value_info(n, onnx.TensorProto.FLOAT, [2])  # noqa: E731
 
     def save(name, *nodes):
@@ -59,14 +42,10 @@ def bad_models(tmp_path):
         p.write_bytes(helper.make_model(graph).SerializeToString())
         return str(p)
 
-    def save_model(name, *nodes, inputs=None, outputs=None, consts=None):
+    def save_model(name, *nodes, inputs=None):
         p = tmp_path / name
-        m = make_model(nodes, inputs or {"x": [2, 3]}, outputs or {"y": None}, consts=consts)
-        p.write_bytes(m.SerializeToString())
+        p.write_bytes(make_model(nodes, inputs or {"x": [2, 3]}, {"y": None}).SerializeToString())
         return str(p)
-
-    def branch(reads):
-        return helper.make_graph([helper.make_node("Identity", [reads], ["o"])], "b", [], [vi("o")])
 
     text, trunc = tmp_path / "text.onnx", tmp_path / "trunc.onnx"
     text.write_text("this is not a model\n")
@@ -77,42 +56,6 @@ def bad_models(tmp_path):
         "not onnx": ([str(text), *out], "not an ONNX model"),
         "truncated": ([str(trunc), *out], "not an ONNX model"),
         "cycle": ([save("c.onnx", ("Add", ["x", "b"], ["a"]), ("Relu", ["a"], ["b"])), *out], "cycle"),
-        "two producers": ([save("d.onnx", ("Relu", ["x"], ["y"]), ("Neg", ["x"], ["y"])), *out], "two producers"),
-        "undefined tensor": (
-            [save_model("u.onnx", ("Add", ["x", "ghost"], ["y"])), *out],
-            "node n0 reads tensor ghost, which no graph input",
-        ),
-        "undefined in branch": (
-            [
-                save_model(
-                    "ub.onnx",
-                    ("If", ["c"], ["y"], {"then_branch": branch("ghost"), "else_branch": branch("x")}),
-                    inputs={"x": [2], "c": (onnx.TensorProto.BOOL, [])},
-                ),
-                *out,
-            ],
-            "node n0 reads tensor ghost in a sub-graph",
-        ),
-        "bad perm": (
-            [save_model("p.onnx", ("Transpose", ["x"], ["y"], {"perm": [0, 2]})), *out],
-            "node n0: perm [0,2] is not a permutation of the 2 axes of its input x",
-        ),
-        "reshape count": (
-            [save_model("r.onnx", ("Reshape", ["x", "s"], ["y"]), consts={"s": [4, 2]}), *out],
-            "does not hold the 6 elements of its input x [2,3]",
-        ),
-        "reshape negative": (
-            [save_model("rn.onnx", ("Reshape", ["x", "s"], ["y"]), inputs={"x": ["N", 3]}, consts={"s": [-2, 3]}), *out],
-            "has the negative dimension -2",
-        ),
-        "negative input dim": (
-            [save_model("nd.onnx", ("Relu", ["x"], ["y"]), inputs={"x": [2, -4]}), *out],
-            "graph input x has the negative dimension -4",
-        ),
-        "negative output dim": (
-            [save_model("no.onnx", ("Relu", ["x"], ["y"]), outputs={"y": [-2, 3]}), *out],
-            "graph output y has the negative dimension -2",
-        ),
         "contradicting input shape": (
             [save_model("cs.onnx", ("Relu", ["x"], ["y"]), inputs={"x": ["N", 3]}), *out, "--input-shape", "x:5,4"],
             "--input-shape gives x dimension 1 as 4, the model's input fixes it at 3",
@@ -126,13 +69,9 @@ def bad_models(tmp_path):
     }
 
 
-CASES = ["missing", "not onnx", "truncated", "cycle", "two producers", "undefined tensor", "undefined in branch",
-         "bad perm", "reshape count", "reshape negative", "negative input dim", "negative output dim",
-         "contradicting input shape", "too many checks", "bad input shape", "bad input dims", "unknown input",
-         "bad target", "no output path"]
-
-
-@pytest.mark.parametrize("case", CASES)
+@pytest.mark.parametrize("case", ["missing", "not onnx", "truncated", "cycle", "contradicting input shape",
+                                  "too many checks", "bad input shape", "bad input dims", "unknown input",
+                                  "bad target", "no output path"])
 def test_bad_input_exits_2_with_one_line(tmp_path, capsys, case):
     args, says = bad_models(tmp_path)[case]
     assert cli.main(args) == 2

@@ -1,4 +1,4 @@
-"""Whole real models through tolm.reduce and the tolm-reduce command.
+"""Whole real models through tolm.reduce.
 
 The models are small copies of corpus models (see data/README.md): a voice
 activity detector shipped in a PyPI wheel (LSTM, If subgraphs, a recurrent
@@ -12,7 +12,6 @@ import onnx
 import pytest
 
 import tolm
-from conftest import run_cli
 
 DATA = Path(__file__).resolve().parent / "data"
 
@@ -107,12 +106,3 @@ def test_vad_state_carries_over_steps():
             outs.append(prob)
         np.testing.assert_allclose(outs[1], outs[0], rtol=1e-4, atol=1e-5, err_msg=f"step {step}")
         np.testing.assert_allclose(states[1], states[0], rtol=1e-4, atol=1e-5, err_msg=f"step {step}")
-
-
-@pytest.mark.parametrize("name", sorted(MODELS))
-def test_cli_check_passes(name, tmp_path):
-    out = tmp_path / "reduced.onnx"
-    p = run_cli(str(DATA / name), "-o", str(out), "--check", "2")
-    assert p.returncode == 0, p.stderr
-    reduced = onnx.load(str(out))
-    assert [o.name for o in reduced.graph.output] == [o.name for o in onnx.load(str(DATA / name)).graph.output]

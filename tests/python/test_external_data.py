@@ -39,9 +39,11 @@ def save_external(model, folder, name="m.onnx", location="m.weights"):
     return path
 
 
-def external_names(path):
-    m = onnx.load(path, load_external_data=False)
-    return {t.name for t in m.graph.initializer if t.data_location == TensorProto.EXTERNAL}
+def external_names(model):
+    """Initializers kept outside the model (a ModelProto, or a path read without its data)."""
+    if isinstance(model, str):
+        model = onnx.load(model, load_external_data=False)
+    return {t.name for t in model.graph.initializer if t.data_location == TensorProto.EXTERNAL}
 
 
 def outputs_of(path, x):
@@ -80,7 +82,7 @@ class TestRoundTrip:
         assert w.data_location == TensorProto.EXTERNAL and not w.raw_data
         # Without output= the model comes back whole.
         inline, _ = tolm.reduce(src)
-        assert not external_names_of(inline)
+        assert not external_names(inline)
 
     @pytest.mark.parametrize(
         "flags, external",
@@ -106,10 +108,6 @@ class TestRoundTrip:
         assert "--external-data needs -o/--output" in capsys.readouterr().err
         with pytest.raises(ValueError, match="external_data needs output="):
             tolm.reduce(weight_model(), external_data=True)
-
-
-def external_names_of(model):
-    return {t.name for t in model.graph.initializer if t.data_location == TensorProto.EXTERNAL}
 
 
 class TestBadExternalData:
@@ -150,7 +148,7 @@ class TestBadExternalData:
         with pytest.raises(tolm.LoadError, match="load the model from its path"):
             tolm.reduce(data)
         reduced, _ = tolm.reduce(path)  # from the path the same model loads
-        assert not external_names_of(reduced)
+        assert not external_names(reduced)
 
 
 # The model over 2 GB: one float32 constant of 2 GiB + 4 MiB, written as a

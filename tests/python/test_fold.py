@@ -9,27 +9,13 @@ from pathlib import Path
 import numpy as np
 import onnx
 import pytest
-from onnx import TensorProto, helper, numpy_helper
+from onnx import numpy_helper
 
 import tolm
-from conftest import assert_same_outputs, make_model, run_cli
+from conftest import make_model, reduced_ok, run_cli
 from fold_models import SCENARIOS, constant_if, foldable_left
 
 DATA = Path(__file__).resolve().parent / "data"
-
-
-def reduced_ok(model, **kw):
-    reduced, report = tolm.reduce(model, **kw)
-    onnx.checker.check_model(reduced, full_check=True)
-    assert [i.name for i in reduced.graph.input] == [i.name for i in model.graph.input]
-    for want, got in zip(model.graph.output, reduced.graph.output):
-        assert got.type.tensor_type.elem_type == want.type.tensor_type.elem_type, want.name
-        dims = [(d.dim_value or None) for d in want.type.tensor_type.shape.dim]
-        assert [(d.dim_value if w else None) for d, w in zip(got.type.tensor_type.shape.dim, dims)] == dims
-    assert_same_outputs(model, reduced)
-    again, _ = tolm.reduce(reduced, **kw)
-    assert again.SerializeToString() == reduced.SerializeToString(), "a second reduce changed the model"
-    return reduced, report
 
 
 def ops(model):
@@ -91,14 +77,11 @@ def test_corpus_model_leaves_nothing_foldable(name):
     assert foldable_left(reduced) == []
     unfolded, _ = tolm.reduce(model, fold=False)
     assert len(reduced.graph.node) < len(unfolded.graph.node)
-
-
-def test_vad_if_nodes_are_inlined():
-    reduced, report = tolm.reduce(onnx.load(str(DATA / "silero_vad.onnx")))
-    assert "If" not in ops(reduced)
-    assert report["fold"]["folded"]["If"] >= 3
-    # As many nodes as onnxruntime's own basic optimisation leaves.
-    assert len(reduced.graph.node) <= 39
+    if name == "silero_vad.onnx":
+        # Its If nodes are inlined: as many nodes as onnxruntime's own basic
+        # optimisation leaves.
+        assert "If" not in ops(reduced) and report["fold"]["folded"]["If"] >= 3
+        assert len(reduced.graph.node) <= 39
 
 
 # ---- fusions -------------------------------------------------------------------
@@ -252,13 +235,6 @@ def matmul_add_model() -> onnx.ModelProto:
     )
 
 
-@pytest.mark.parametrize("gemm", [False, True])
-def test_matmul_add_into_gemm_only_on_request(gemm):
-    m = matmul_add_model()
-    reduced, report = reduced_ok(m, matmul_add_to_gemm=gemm)
-    assert ops(reduced) == (["Gemm"] if gemm else ["Add", "MatMul"])
-
-
 # ---- limits, switches, report ----------------------------------------------------------
 
 
@@ -277,13 +253,6 @@ def test_big_results_stay_as_nodes():
     assert "kept by the size limit: 1" in tolm.format_report(report)
 
 
-def test_fold_off_leaves_shape_arithmetic():
-    model = SCENARIOS["bert_shape_block"]()
-    reduced, report = tolm.reduce(model, fold=False)
-    assert "Shape" in ops(reduced) and report["fold"]["enabled"] is False
-    assert "folding off" in tolm.format_report(report)
-
-
 def test_report_names_folded_ops_and_fusions():
     _, report = tolm.reduce(SCENARIOS["torch_same_pad_conv"]())
     fold = report["fold"]
@@ -296,9 +265,10 @@ def test_report_names_folded_ops_and_fusions():
 
 @pytest.mark.parametrize("flag, fused", [([], False), (["--matmul-add-to-gemm"], True)])
 def test_cli_switches(tmp_model, tmp_path, flag, fused):
+    # MatMul + constant Add into Gemm only on request, with the same numbers.
     m = matmul_add_model()
     out = tmp_path / "out.onnx"
-    p = run_cli(tmp_model(m), "-o", str(out), *flag)
+    p = run_cli(tmp_model(m), "-o", str(out), "--check", "2", *flag)
     assert p.returncode == 0, p.stderr
     assert ("Gemm" in ops(onnx.load(str(out)))) == fused
 

@@ -7,25 +7,13 @@ import numpy as np
 import pytest
 from onnx import helper, numpy_helper
 
-from conftest import call_rule, make_model, run_proc
+from conftest import call_rule, const_of, make_model, neg, node_of, run_proc
 
 F = np.float32
 
 
 def idx(values):
     return np.asarray(values, dtype=np.int64)
-
-
-def neg(src, dst):
-    return ("Neg", [src], [dst], {"name": "neg_" + dst})
-
-
-def const_of(model, name):
-    return numpy_helper.to_array(next(i for i in model.graph.initializer if i.name == name))
-
-
-def node_of(model, name):
-    return next(n for n in model.graph.node if n.name == name)
 
 
 # ---- fuse_two_gather --------------------------------------------------------------

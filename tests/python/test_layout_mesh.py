@@ -5,22 +5,12 @@ import numpy as np
 import onnx
 import pytest
 
-import tolm
-from conftest import assert_same_outputs, make_model
+from conftest import assert_same_outputs, make_model, reduced_ok
 from tolm.layout_models import channels_last_cnn, transformer_encoder
 
 
 def transposes(model):
     return sum(n.op_type == "Transpose" for n in model.graph.node)
-
-
-def reduced_ok(model):
-    reduced, report = tolm.reduce(model)
-    onnx.checker.check_model(reduced, full_check=True)
-    assert [i.name for i in reduced.graph.input] == [i.name for i in model.graph.input]
-    assert [o.name for o in reduced.graph.output] == [o.name for o in model.graph.output]
-    assert_same_outputs(model, reduced)
-    return reduced, report
 
 
 @pytest.mark.parametrize("blocks", [2, 5, 12])
@@ -221,21 +211,6 @@ def test_mesh_rule_reports_nodes_that_refuse_the_layout():
             reduce._p_reduce_tp_in_mesh(ir, [seed], None, *bad)
 
 
-@pytest.mark.parametrize("direction, seed", [("forward", "tp_in"), ("backward", "tp_out")])
-def test_mesh_rule_with_direction_applies(direction, seed):
-    from tolm.api.ir_graph import IRGraph
-    from tolm.api.rules import reduce
-
-    model = MESH_CASES[direction][0]
-    ir = IRGraph(model)
-    remove, add = reduce._p_reduce_tp_in_mesh(ir, [ir.find_node(seed)], None, direction, [])
-    assert remove
-    ir.apply(remove, add)
-    out = ir.to_onnx()
-    assert transposes(out) == 0
-    assert_same_outputs(model, out)
-
-
 # ---- a region that cannot pay rests whole ------------------------------------------------
 
 
@@ -285,26 +260,6 @@ def test_rank_one_channels_last_cnn_reduces_as_the_rank_four_one():
     rank4, _ = reduced_ok(channels_last_cnn(4))
     assert transposes(rank1) == 2
     assert rank1.SerializeToString() == rank4.SerializeToString()
-    again, _ = tolm.reduce(rank1)
-    assert again.SerializeToString() == rank1.SerializeToString()
-
-
-def test_shared_rank_one_constant_gets_a_full_rank_copy_where_needed():
-    # k scales an NHWC region and is also added to a rank-1 graph input.
-    model = make_model(
-        [("Transpose", ["x"], ["a"], {"perm": NHWC}), ("Mul", ["a", "k"], ["b"]),
-         ("Transpose", ["b"], ["y"], {"perm": NCHW}), ("Add", ["v", "k"], ["z"])],
-        {"x": [1, 3, 4, 5], "v": [3]}, {"y": [1, 3, 4, 5], "z": [3]},
-        {"k": np.array([0.5, -1.0, 2.0], F)})
-    reduced, _ = reduced_ok(model)
-    assert transposes(reduced) == 0
-    dims = {i.name: list(i.dims) for i in reduced.graph.initializer}
-    add = next(n for n in reduced.graph.node if n.op_type == "Add")
-    mul = next(n for n in reduced.graph.node if n.op_type == "Mul")
-    assert add.input[1] == "k" and dims["k"] == [3]
-    assert mul.input[1] != "k" and len(dims[mul.input[1]]) == 4
-    again, _ = tolm.reduce(reduced)
-    assert again.SerializeToString() == reduced.SerializeToString()
 
 
 @pytest.mark.parametrize("op, operands, consts, mesh_op", [

@@ -1,109 +1,20 @@
 """tolm.reduce on small models: valid ONNX out, graph I/O names kept, same numbers."""
 
-import numpy as np
 import onnx
 import pytest
-from onnx import TensorProto
 
 import tolm
-from conftest import assert_same_outputs, make_model
+from conftest import make_model, reduced_ok
 from tolm.examples import example_model
 
 
-def reduced_ok(model, **kw):
-    reduced, report = tolm.reduce(model, **kw)
-    onnx.checker.check_model(reduced, full_check=True)
-    assert [i.name for i in reduced.graph.input] == [i.name for i in model.graph.input]
-    assert_same_outputs(model, reduced)
-    return reduced, report
-
-
-CASES = {
-    "reshape pair back to start": (
-        [("Reshape", ["x", "s1"], ["a"]), ("Reshape", ["a", "s0"], ["b"]), ("Relu", ["b"], ["y"])],
-        {"s1": [2, 12], "s0": [2, 3, 4]},
-    ),
-    "cancelling transposes": (
-        [
-            ("Transpose", ["x"], ["a"], {"perm": [0, 2, 1]}),
-            ("Transpose", ["a"], ["b"], {"perm": [0, 2, 1]}),
-            ("Relu", ["b"], ["y"]),
-        ],
-        {},
-    ),
-    "composed transposes": (
-        [
-            ("Transpose", ["x"], ["a"], {"perm": [1, 0, 2]}),
-            ("Transpose", ["a"], ["b"], {"perm": [0, 2, 1]}),
-            ("Relu", ["b"], ["y"]),
-        ],
-        {},
-    ),
-    "identity reshape, add 0, mul 1": (
-        [
-            ("Reshape", ["x", "s0"], ["a"]),
-            ("Add", ["a", "zero"], ["b"]),
-            ("Mul", ["b", "one"], ["c"]),
-            ("Relu", ["c"], ["y"]),
-        ],
-        {"s0": [2, 3, 4], "zero": np.zeros(1, np.float32), "one": np.ones(1, np.float32)},
-    ),
-    "same-type cast before graph output": (
-        [("Relu", ["x"], ["a"]), ("Cast", ["a"], ["y"], {"to": TensorProto.FLOAT})],
-        {},
-    ),
-    "branching reshape with a kept branch": (
-        [
-            ("Reshape", ["x", "s1"], ["a"]),
-            ("Reshape", ["a", "s0"], ["b"]),
-            ("Relu", ["a"], ["z"]),
-            ("Neg", ["b"], ["y"]),
-        ],
-        {"s1": [6, 4], "s0": [2, 3, 4]},
-    ),
-}
-
-
-@pytest.mark.parametrize("case", sorted(CASES))
-def test_reduction_keeps_values(case):
-    nodes, consts = CASES[case]
-    outputs = {"y": None, "z": None} if any("z" in n[2] for n in nodes) else {"y": None}
-    m = make_model(nodes, inputs={"x": [2, 3, 4]}, outputs=outputs, consts=consts)
-    reduced, report = reduced_ok(m)
-    assert report["nodes_after"] <= report["nodes_before"]
-
-
-def test_removable_producer_of_graph_output_keeps_name():
-    m = make_model(
-        [("Relu", ["x"], ["a"]), ("Reshape", ["a", "s"], ["y"])],
-        inputs={"x": [2, 3]},
-        outputs={"y": [2, 3]},
-        consts={"s": [2, 3]},
-    )
-    reduced, _ = reduced_ok(m)
-    assert [o.name for o in reduced.graph.output] == ["y"]
-    assert any("y" in n.output for n in reduced.graph.node)
-
-
-def test_example_model_shrinks_and_report_is_complete():
-    m = example_model()
-    reduced, report = reduced_ok(m, check=2)
-    assert report["nodes_before"] == len(m.graph.node)
-    assert report["ops_before"]["Transpose"] == 2
-    assert report["ops_after"].get("Transpose", 0) == 0
-    assert report["nodes_after"] == len(reduced.graph.node) < len(m.graph.node)
-    assert report["converged"] is True
-    assert report["check"]["status"] == "passed"
-    text = tolm.format_report(report)
-    assert "Transpose" in text and "check: passed" in text
-
-
-def test_graph_input_feeding_output_directly():
-    # Nothing to reduce but a no-op between a graph input and output: the
-    # output's name must stay, produced by some node.
-    m = make_model([("Identity", ["x"], ["y"])], inputs={"x": [4]}, outputs={"y": [4]})
-    reduced, _ = reduced_ok(m)
-    assert [o.name for o in reduced.graph.output] == ["y"]
+@pytest.mark.parametrize("nodes", [
+    [("Relu", ["x"], ["a"]), ("Reshape", ["a", "s"], ["y"])],  # a removable node writes the output
+    [("Identity", ["x"], ["y"])],  # a no-op between a graph input and output
+])
+def test_graph_output_keeps_its_name_and_a_producer(nodes):
+    # reduced_ok compares output names and the full checker wants a producer.
+    reduced_ok(make_model(nodes, inputs={"x": [2, 3]}, outputs={"y": [2, 3]}, consts={"s": [2, 3]}))
 
 
 def test_quant_tab_and_target_pass_through():
@@ -120,17 +31,6 @@ def test_accepts_path_and_bytes(tmp_model):
     a, _ = tolm.reduce(tmp_model(m))
     b, _ = tolm.reduce(m.SerializeToString())
     assert a.SerializeToString() == b.SerializeToString()
-
-
-def test_symbolic_input_with_input_shapes():
-    m = make_model(
-        [("Transpose", ["x"], ["a"], {"perm": [1, 0]}), ("Transpose", ["a"], ["y"], {"perm": [1, 0]})],
-        inputs={"x": ["N", 5]},
-        outputs={"y": None},
-    )
-    reduced, report = tolm.reduce(m, input_shapes={"x": [3, 5]}, check=1)
-    onnx.checker.check_model(reduced, full_check=True)
-    assert report["check"]["status"] == "passed"
 
 
 def test_minus_one_declared_dimension_is_free():
@@ -171,9 +71,3 @@ def test_input_shapes_fix_only_open_dimensions(opset, shape, error):
         return
     with pytest.raises(LoadError, match=error):
         tolm.reduce(m, input_shapes={"x": shape})
-
-
-def test_check_runs_are_capped():
-    m = make_model([("Relu", ["x"], ["y"])], inputs={"x": [4]}, outputs={"y": [4]})
-    with pytest.raises(ValueError, match="at most 1000"):
-        tolm.reduce(m, check=tolm.MAX_CHECK_RUNS + 1)

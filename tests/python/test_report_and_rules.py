@@ -11,7 +11,6 @@ from onnx import helper, numpy_helper
 import tolm
 from conftest import assert_same_outputs, make_model
 from tolm import cli
-from tolm.api.ir_graph import IRGraph
 from tolm.api.rules import reduce as rules
 
 
@@ -45,16 +44,10 @@ class TestHonestCounts:
         text = tolm.format_report(report)
         assert "target npu_c: 4 -> 1 nodes" in text
         assert "load took in 2 Constant node(s) as initializers (4 -> 2 nodes before any rule ran)" in text
-        missing = len(rules.unavailable_rules())
-        if missing:
-            assert f"{missing} of 123 table rows are not available in this build" in text
-        assert "time: load " in text and " ms" in text
-
-    def test_no_load_line_without_constant_nodes(self):
-        m = make_model([("Relu", ["x"], ["y"])], inputs={"x": [2]}, outputs={"y": [2]})
-        _, report = tolm.reduce(m)
-        assert report["load"]["constant_nodes"] == 0
-        assert "load took in" not in tolm.format_report(report)
+        missing, rows = len(rules.unavailable_rules()), len(rules.fuse_reduce) + len(rules.cvt_reduce)
+        assert (f"{missing} of {rows} table rows are not available" in text) == bool(missing)
+        _, plain = tolm.reduce(make_model([("Relu", ["x"], ["y"])], inputs={"x": [2]}, outputs={"y": [2]}))
+        assert plain["load"]["constant_nodes"] == 0 and "load took in" not in tolm.format_report(plain)
 
 
 class TestJsonReport:
@@ -113,12 +106,6 @@ class TestRuleSelection:
         assert set(only["fired"]) == {some}
         assert_same_outputs(m, reduced)
 
-    def test_run_reduce_takes_skip_and_only(self):
-        ir = IRGraph(chain_model())
-        stats = rules.run_reduce(ir, only=["remove_invalid_reshape"])
-        assert set(stats["fired"]) <= {"remove_invalid_reshape"}
-        assert ir.op_counts()["Transpose"] == 2
-
     @pytest.mark.parametrize(
         "kw, error, match",
         [
@@ -145,18 +132,17 @@ class TestRuleSelection:
         assert "--only: no rule has the key 'no_such_rule'" in capsys.readouterr().err
 
     def test_list_rules(self, capsys):
+        # Every row of both tables, in the order the driver runs them, each
+        # with a summary; rows this build lacks are marked.
         assert cli.main(["--list-rules"]) == 0
         lines = capsys.readouterr().out.splitlines()
         listed = tolm.list_rules()
-        assert len(listed) == 123 and len(lines) == 125
-        assert [r["key"] for r in listed[:13]] == list(rules.cvt_reduce)
-        assert [r["key"] for r in listed[13:]] == list(rules.fuse_reduce)
+        assert [r["key"] for r in listed] == list(rules.cvt_reduce) + list(rules.fuse_reduce)
         assert all(r["summary"] for r in listed), [r["key"] for r in listed if not r["summary"]]
         by_key = {line.split()[0]: line for line in lines[1:-1]}
-        assert "Transpose Transpose" in by_key["fuse_two_transpose"]
+        assert list(by_key) == [r["key"] for r in listed]
         for key in rules.unavailable_rules():
             assert "not built" in by_key[key]
-        assert lines[-1].startswith("123 rows, ")
 
 
 class TestTablesAreReadOnly:
@@ -174,13 +160,14 @@ class TestTablesAreReadOnly:
         ],
     )
     def test_edits_raise(self, edit):
+        before = (list(rules.fuse_reduce), list(rules.cvt_reduce))
         with pytest.raises(TypeError, match="read-only"):
             edit()
-        assert len(rules.fuse_reduce) == 110 and len(rules.cvt_reduce) == 13
+        assert (list(rules.fuse_reduce), list(rules.cvt_reduce)) == before
 
     def test_copies_may_be_edited(self):
         import copy
 
         mine = copy.copy(rules.fuse_reduce)
         mine.pop("fuse_two_reshape")
-        assert len(mine) == 109 and "fuse_two_reshape" in rules.fuse_reduce
+        assert "fuse_two_reshape" not in mine and "fuse_two_reshape" in rules.fuse_reduce

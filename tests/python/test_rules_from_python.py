@@ -2,28 +2,13 @@
 applied to the graph keeps the model valid, its I/O names and its numbers."""
 
 import numpy as np
-import onnx
 import pytest
 from onnx import TensorProto
 
-from conftest import assert_same_outputs, make_model
-from tolm.api.ir_graph import IRGraph
-from tolm.api.rules import reduce
+from conftest import call_rule, make_model
 
 F = np.float32
 X = {"x": [2, 3, 4, 5]}
-
-
-def apply_rule(model, proc_name, node_names, quant_tab=None):
-    ir = IRGraph(model)
-    by_name = {n.name: n for n in ir.node}
-    remove, add = getattr(reduce, proc_name)(ir, [by_name[n] for n in node_names], quant_tab)
-    ir.apply(remove, add)
-    out = ir.to_onnx()
-    onnx.checker.check_model(out, full_check=True)
-    assert [i.name for i in out.graph.input] == [i.name for i in model.graph.input]
-    assert_same_outputs(model, out)
-    return [n.name for n in remove], [n.op_type for n in add], out
 
 
 # (nodes, consts, the matched node names) for a node that does nothing; the
@@ -79,7 +64,7 @@ def test_remove_invalid_node_bypasses_every_op_type(op):
     src = nodes[0][1][0] if nodes[0][1][0] in shapes else "x"
     model = make_model(nodes + [("Neg", ["a"], ["y"], {"name": "neg"})], {src: shapes[src]},
                        {"y": shapes[src]}, consts, opset={"ScatterND": 16, "AveragePool": 19}.get(op, 13))
-    removed, added, out = apply_rule(model, "_p_remove_invalid_node", ["t"])
+    removed, added, out = call_rule(model, "_p_remove_invalid_node", ["t"])
     assert removed == ["t"] and added == []
     assert "t" not in [n.name for n in out.graph.node]
 
@@ -88,13 +73,13 @@ def test_remove_invalid_node_bypasses_every_op_type(op):
 def test_adding_a_zero_that_flips_negative_zero_stays(op, zero):
     model = make_model([(op, ["x", "z"], ["a"], {"name": "t"}), ("Neg", ["a"], ["y"], {"name": "neg"})],
                        X, {"y": [2, 3, 4, 5]}, {"z": np.full((5,), zero, F)})
-    assert apply_rule(model, "_p_remove_invalid_node", ["t"])[0] == []
+    assert call_rule(model, "_p_remove_invalid_node", ["t"])[0] == []
 
 
 def test_invalid_node_before_graph_output_hands_its_name_to_the_producer():
     model = make_model([("Relu", ["x"], ["a"], {"name": "r"}), ("Reshape", ["a", "s"], ["y"], {"name": "t"})],
                        X, {"y": [2, 3, 4, 5]}, {"s": [2, 3, 4, 5]})
-    removed, _, out = apply_rule(model, "_p_remove_invalid_node", ["t"])
+    removed, _, out = call_rule(model, "_p_remove_invalid_node", ["t"])
     assert removed == ["t"] and [n.name for n in out.graph.node] == ["r"]
 
 
@@ -103,7 +88,7 @@ def test_gathernd_with_other_shape_becomes_reshape():
     idx = np.stack(np.meshgrid(range(2), range(3), indexing="ij"), -1).astype(np.int64).reshape(6, 2)
     model = make_model([("GatherND", ["x", "idx"], ["a"], {"name": "t", "batch_dims": 0}), ("Neg", ["a"], ["y"])],
                        X, {"y": [6, 4, 5]}, {"idx": idx})
-    removed, added, out = apply_rule(model, "_p_remove_invalid_node", ["t"])
+    removed, added, out = call_rule(model, "_p_remove_invalid_node", ["t"])
     assert removed == ["t"] and added == ["Reshape"]
     assert any(n.name == "t_2rs" for n in out.graph.node)
 
@@ -135,6 +120,6 @@ PAIRS = [
 @pytest.mark.parametrize("proc,matched,nodes,consts,outputs", PAIRS, ids=[p[0] for p in PAIRS])
 def test_chain_rules_keep_numbers(proc, matched, nodes, consts, outputs):
     model = make_model(nodes, X, outputs, consts)
-    removed, _, out = apply_rule(model, proc, matched)
+    removed, _, out = call_rule(model, proc, matched)
     assert removed
     assert len(out.graph.node) < len(model.graph.node) or proc == "_p_fuse_two_transpose"

@@ -5,7 +5,7 @@ scatter. call_rule checks every applied rewrite in onnxruntime (opset 16)."""
 import numpy as np
 import pytest
 
-from conftest import call_rule, make_model, op_counts
+from conftest import call_rule, make_model, node_of, op_counts
 
 F = np.float32
 H, S, D = 2, 6, 4  # heads, cache length, head size
@@ -69,24 +69,26 @@ def test_first_write_read_elsewhere_stays():
     assert call_rule(model, "_p_fuse_two_scatternd", ["sc1", "sc2"]) == ([], [], None)
 
 
-def conv_writes(data):
+def conv_writes(data, bias=True):
     """sc1 writes 2 of 4 heads from a private Conv; sc2 all 4 heads."""
-    w = np.linspace(-1, 1, 2 * 3, dtype=F).reshape(2, 3, 1, 1)
-    b = np.array([0.5, -0.5], F)
-    nodes = [("Conv", ["a", "w", "b"], ["u1"], {"name": "conv"})]
+    consts = {"w": np.linspace(-1, 1, 2 * 3, dtype=F).reshape(2, 3, 1, 1)}
+    if bias:
+        consts["b"] = np.array([0.5, -0.5], F)
+    nodes = [("Conv", ["a", "w", "b"][:3 if bias else 2], ["u1"], {"name": "conv"})]
     model = two_writes(kv_rows(0, [0, 1]), kv_rows(1, range(4)), data=data, u1_shape=[1, 2, 1, D],
-                       extra_nodes=nodes, extra_inputs={"a": [1, 3, 1, D]}, extra_consts={"w": w, "b": b},
-                       heads=4)
+                       extra_nodes=nodes, extra_inputs={"a": [1, 3, 1, D]}, extra_consts=consts, heads=4)
     del model.graph.input[[i.name for i in model.graph.input].index("u1")]
     return model
 
 
-def test_private_conv_widens_over_zero_data():
-    removed, added, out = call_rule(conv_writes(np.zeros((1, 4, S, D), F)), "_p_fuse_two_scatternd",
+@pytest.mark.parametrize("bias", [True, False])
+def test_private_conv_widens_over_zero_data(bias):
+    removed, added, out = call_rule(conv_writes(np.zeros((1, 4, S, D), F), bias), "_p_fuse_two_scatternd",
                                     ["sc1", "sc2"])
     assert (removed, added) == (["sc1"], ["Concat"])
     w = [i for i in out.graph.initializer if i.name.endswith("_pad_for_scatternd")]
-    assert sorted(list(i.dims) for i in w) == [[4], [4, 3, 1, 1]]
+    assert sorted(list(i.dims) for i in w) == ([[4]] if bias else []) + [[4, 3, 1, 1]]
+    assert len(node_of(out, "conv").input) == (3 if bias else 2)  # no bias made up
 
 
 def test_private_conv_does_not_widen_over_data_it_would_overwrite():

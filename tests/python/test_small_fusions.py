@@ -314,6 +314,16 @@ def test_dataconverts_around_q_op_go():
     assert [(n.op_type, list(n.input), list(n.output)) for n in ir.node] == [("MaxPool", ["x"], ["y"])]
 
 
+def test_range_change_is_written_back_to_the_table():
+    # y's range is not x's: only c0 goes, and the MaxPool output takes x's
+    # range under its own name; the records given stay as they were.
+    x_rec = {"min": -1.0, "max": 1.0, "name": "x", "extra": 7}
+    tab = {"x": x_rec, "y": {"min": -2.0, "max": 2.0, "name": "y"}}
+    assert run_q(q_model(), tab)[0] == ["c0"]
+    assert (tab["p"]["min"], tab["p"]["max"], tab["p"]["name"]) == (-1.0, 1.0, "p")
+    assert tab["x"] is x_rec and x_rec["extra"] == 7 and tab["y"] == {"min": -2.0, "max": 2.0, "name": "y"}
+
+
 def test_dataconvert_with_a_second_reader_stays_for_it():
     m = q_model(extra=[("Relu", ["xf"], ["r"], {"name": "other"})], outputs=("y", "r"))
     removed, ir = run_q(m, {})

@@ -5,13 +5,9 @@ does not apply, nothing changes."""
 import numpy as np
 import pytest
 
-from conftest import call_rule, make_model
+from conftest import call_rule, make_model, neg
 
 F = np.float32
-
-
-def neg(src, dst):
-    return ("Neg", [src], [dst], {"name": "neg_" + dst})
 
 
 # ---- relocate_rs_split_axis ------------------------------------------------------

@@ -5,7 +5,7 @@ valid and keeps its numbers in onnxruntime; where it does not, nothing changes."
 import numpy as np
 import pytest
 
-from conftest import call_rule, make_model
+from conftest import call_rule, make_model, neg
 from tolm.api.ir_graph import IRGraph
 from tolm.api.rules import reduce
 
@@ -18,10 +18,6 @@ def tp(src, dst, perm, name):
 
 def rs(src, dst, shape_const, name):
     return ("Reshape", [src, shape_const], [dst], {"name": name})
-
-
-def neg(src, dst="y"):
-    return ("Neg", [src], [dst], {"name": "neg_" + dst})
 
 
 # (id, proc, matched nodes, nodes, input shapes, output shapes, consts, removed, added)
