@@ -369,10 +369,19 @@ void IR::erase_const(const std::string& t) {
 // ------------------------------------------------------------ connectivity
 
 void IR::sort_consumers(NodeList& list) const {
-  std::stable_sort(list.begin(), list.end(), [](const NodePtr& a, const NodePtr& b) {
+  auto before = [](const NodePtr& a, const NodePtr& b) {
     if (a->order_ != b->order_) return a->order_ < b->order_;
     return a->uid_ < b->uid_;
-  });
+  };
+  // Most tensors have a handful of readers: sorting those in place spares
+  // the merge sort its buffer. No two nodes share a uid, so any sort gives
+  // the same order.
+  if (list.size() <= 16) {
+    for (size_t i = 1; i < list.size(); ++i)
+      for (size_t j = i; j > 0 && before(list[j], list[j - 1]); --j) std::swap(list[j], list[j - 1]);
+    return;
+  }
+  std::sort(list.begin(), list.end(), before);
 }
 
 namespace {
@@ -416,14 +425,20 @@ NodeList IR::next_nodes(const Node& node) const {
     const TensorInfo* ti = port_info(node, true, i);
     if (!ti) continue;
     const size_t from = out.size();
+    if (from == 0) {  // the first output with readers: no merging needed
+      append_readers(*ti, out);
+      sort_consumers(out);
+      continue;
+    }
     NodeList part;
     append_readers(*ti, part);
     sort_consumers(part);
     // A reader of an earlier output keeps its first place.
-    for (auto& n : part)
-      if (from == 0 || std::find(out.begin(), out.begin() + static_cast<std::ptrdiff_t>(from), n) ==
-                           out.begin() + static_cast<std::ptrdiff_t>(from))
-        out.push_back(std::move(n));
+    for (auto& n : part) {
+      // Recomputed each time: a push may move the list.
+      const auto earlier_end = out.begin() + static_cast<std::ptrdiff_t>(from);
+      if (std::find(out.begin(), earlier_end, n) == earlier_end) out.push_back(std::move(n));
+    }
   }
   return out;
 }
@@ -563,7 +578,10 @@ void IR::touch_tensor_neighbours(const TensorInfo* ti) {
   // driver's next round finds.
   if (!journal_on_ || !ti || ti->constant) return;
   for (Node* p : ti->producers) touch(p);
-  if (ti->uses.size() > kWideFanOut) return;
+  if (ti->uses.size() > kWideFanOut) {
+    ++wide_skips_;
+    return;
+  }
   for (const auto& u : ti->uses) touch(u.first);
 }
 
