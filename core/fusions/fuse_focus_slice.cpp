@@ -75,6 +75,9 @@ std::optional<Stem> check_stem(const IR& ir, const std::string& src, int64_t fir
   if (rank != 4 || !shape_holds_data(s.in_shape)) return std::nullopt;
   for (int64_t d : s.in_shape)
     if (d < 0) return std::nullopt;
+  // The kernel weighs every value of a window, with 0 where the phase does
+  // not pick it: an infinite value would turn its neighbours into NaN.
+  if (may_carry_non_finite(ir, src)) return std::nullopt;
   auto norm = [&](int64_t a) { return a < 0 ? a + rank : a; };
   first = norm(first);
   last = norm(last);

@@ -107,6 +107,9 @@ RuleResult _p_fuse_slice_slice_mul_concat_to_conv(IR& ir, const NodeList& nodes,
   if (!ir.has_shape(src) || ir.get_dtype(src) != dt::FLOAT) return no_match();
   const Shape& shape = ir.get_shape(src);
   if (shape.size() != 4 || !shape_holds_data(shape)) return no_match();
+  // The Conv weighs every channel, with 0 where it is not picked: an
+  // infinite value would turn the other channels into NaN.
+  if (may_carry_non_finite(ir, src)) return no_match();
   const int64_t axis = *concat_axis < 0 ? *concat_axis + 4 : *concat_axis;
   if (axis < 0 || axis >= 4) return no_match();
   const int64_t max_d = shape[static_cast<size_t>(axis)];

@@ -1,5 +1,6 @@
 // Graph, naming and quantisation helpers.
 #include <algorithm>
+#include <cmath>
 #include <numeric>
 #include <unordered_map>
 #include <unordered_set>
@@ -68,6 +69,48 @@ bool only_read_by(const IR& ir, const std::string& t, const Node& reader) {
   for (const auto& u : ti->uses)
     if (u.first != &reader || (u.second & IR::kImplicit)) return false;
   return true;
+}
+
+bool may_carry_non_finite(const IR& ir, const std::string& t) {
+  // Operators whose outputs hold only values read from their inputs (or, for
+  // arithmetic, computed from them without creating an infinity out of
+  // finite data apart from overflow): an infinite constant behind them
+  // reaches the output.
+  static const std::unordered_set<std::string> passes_on = {
+      "Identity", "Reshape", "Flatten", "Squeeze", "Unsqueeze", "Transpose", "Slice", "Split", "Concat",
+      "Gather", "GatherElements", "GatherND", "Expand", "Tile", "Pad", "Cast", "DepthToSpace", "SpaceToDepth",
+      "Where", "Max", "Min", "Relu", "MaxPool", "Add", "Sub", "Mul", "Neg", "Abs", "ScatterND", "ScatterElements"};
+  constexpr size_t kMaxVisits = 64;
+  auto non_finite = [](const NDArray& a) {
+    if (!dtype_is_float(a.dtype())) return false;
+    for (int64_t i = 0; i < a.size(); ++i)
+      if (!std::isfinite(a.f64_at(i))) return true;
+    return false;
+  };
+  std::vector<std::string> work{t};
+  std::unordered_set<std::string> seen{t};
+  while (!work.empty()) {
+    const std::string cur = std::move(work.back());
+    work.pop_back();
+    if (const NDArray* c = ir.get_const(cur)) {
+      if (non_finite(*c)) return true;
+      continue;
+    }
+    const NodePtr p = ir.producer(cur);
+    if (!p) continue;
+    if (p->op_type() == "Constant") return true;  // not taken in as a constant: its value is unread
+    if (!passes_on.count(p->op_type())) continue;
+    if (p->op_type() == "Pad") {
+      const auto fill = IR::get_attr_float(*p, "value");
+      if (fill && !std::isfinite(*fill)) return true;
+    }
+    for (const auto& in : p->input) {
+      if (in.empty() || !seen.insert(in).second) continue;
+      if (seen.size() > kMaxVisits) return true;
+      work.push_back(in);
+    }
+  }
+  return false;
 }
 
 NodePtr single_reader(const IR& ir, const std::string& t) {
