@@ -578,10 +578,7 @@ void IR::touch_tensor_neighbours(const TensorInfo* ti) {
   // driver's next round finds.
   if (!journal_on_ || !ti || ti->constant) return;
   for (Node* p : ti->producers) touch(p);
-  if (ti->uses.size() > kWideFanOut) {
-    ++wide_skips_;
-    return;
-  }
+  if (ti->uses.size() > kWideFanOut) return;
   for (const auto& u : ti->uses) touch(u.first);
 }
 

@@ -368,10 +368,6 @@ class IR {
   // tensors that lost a use.
   void set_journal(bool on) { journal_on_ = on; }
   std::vector<NodePtr> take_touched();
-  // How often the journal left the readers of a widely read tensor
-  // untouched (see touch_tensor_neighbours): while this stays put, the
-  // touched nodes are every node whose neighbourhood changed.
-  uint64_t wide_skips() const { return wide_skips_; }
   std::vector<std::string> take_released();
 
   // Everything that load/save keeps but no rule reads: the serialized model
@@ -440,7 +436,6 @@ class IR {
   mutable NodeList order_cache_;  // order_raw_ as shared pointers, built on request
   mutable bool shared_valid_ = false;
   bool journal_on_ = false;
-  uint64_t wide_skips_ = 0;
   std::vector<NodePtr> touched_;
   std::vector<std::string> released_;
   int64_t max_order_ = 0;

@@ -668,15 +668,8 @@ DriverStats run_tables(IR& ir, const std::vector<Row>& first, const std::vector<
   // What the bodies of sub-graphs did, added in at the end: their rewrites
   // do not count against this graph's budget.
   DriverStats inner;
-  // After a round whose edits the journal saw whole (no widely read tensor
-  // left its readers untouched), the graph is at a fold fixed point but for
-  // the nodes the journal names: the next round refolds only those, not
-  // every node of the graph.
-  bool fold_fixed = false;
-  std::vector<NodePtr> carried;  // touched by the clean-up after the last round's tables
   for (int round = 0;; ++round) {
     int64_t changed = 0;
-    const uint64_t wide_skips_at_start = ir.wide_skips();
     // Right after the fold pass, only the nodes the passes below edit can
     // fold anew: the journal names them, so the first round need not offer
     // every node of the graph to the fold step a second time.
@@ -686,9 +679,6 @@ DriverStats run_tables(IR& ir, const std::vector<Row>& first, const std::vector<
       total.fold.add(folded);
       changed += folded.steps;
       tell("fold pass: " + std::to_string(folded.removed_nodes) + " node(s) folded away");
-    }
-    const bool journaled = options.fold && (folded_all || fold_fixed);
-    if (journaled) {
       ir.set_journal(true);
       ir.take_touched();
     }
@@ -698,7 +688,7 @@ DriverStats run_tables(IR& ir, const std::vector<Row>& first, const std::vector<
       ~JournalOff() {
         if (ir) ir->set_journal(false);
       }
-    } journal_off{journaled ? &ir : nullptr};
+    } journal_off{folded_all ? &ir : nullptr};
     if (round == 0 && options.subgraphs) {
       const int64_t bodies = reduce_subgraphs(ir, quant_tab, options, inner);
       changed += bodies;
@@ -713,18 +703,16 @@ DriverStats run_tables(IR& ir, const std::vector<Row>& first, const std::vector<
       changed += dead;
     }
     std::vector<NodePtr> refold;
-    if (journaled) {
-      refold = std::move(carried);
-      for (NodePtr& n : ir.take_touched()) refold.push_back(std::move(n));
+    if (folded_all) {
+      refold = ir.take_touched();
       ir.take_released();
       ir.set_journal(false);
     }
-    carried.clear();
     if (round > 0) ir.op_ruler_pause.clear();
     ir.renumber_order();
     DriverOptions opt = options;
     opt.max_rewrites = std::max<int64_t>(1, budget - total.rewrites);
-    const DriverStats s = Driver(ir, first, second, quant_tab, opt, journaled ? &refold : nullptr).run();
+    const DriverStats s = Driver(ir, first, second, quant_tab, opt, folded_all ? &refold : nullptr).run();
     for (const auto& kv : s.fired) total.fired[kv.first] += kv.second;
     for (const auto& kv : s.rule_seconds) total.rule_seconds[kv.first] += kv.second;
     ++total.rounds;
@@ -736,21 +724,10 @@ DriverStats run_tables(IR& ir, const std::vector<Row>& first, const std::vector<
     total.rule_faults.insert(total.rule_faults.end(), s.rule_faults.begin(), s.rule_faults.end());
     total.fold.add(s.fold);
     if (options.prune) {
-      // Journaled too: what the clean-up touches, the next round refolds.
-      if (options.fold) {
-        ir.set_journal(true);
-        ir.take_touched();
-      }
       const int64_t dead = prune_dead(ir);
       total.pruned_nodes += dead;
       changed += dead;
-      if (options.fold) {
-        carried = ir.take_touched();
-        ir.take_released();
-        ir.set_journal(false);
-      }
     }
-    fold_fixed = s.converged && ir.wide_skips() == wide_skips_at_start;
     changed += s.rewrites + s.fold.steps;
     if (!s.converged || total.rewrites >= budget) {
       total.converged = false;
