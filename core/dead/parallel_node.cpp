@@ -338,6 +338,14 @@ RuleResult _p_remove_parallel_node(IR& ir, const NodeList& nodes, QuantTable* qu
   }
   const TensorInfo* track = ir.tensor(input_0);
   if (!track) return no_match();
+  // Most nodes are the only reader of their op type on the track: then no
+  // sibling can be found, and the test below need not read constants and
+  // attributes. Widely read tracks are grouped by signature instead.
+  if (track->uses.size() <= IR::kWideFanOut &&
+      std::none_of(track->uses.begin(), track->uses.end(), [&](const TensorUse& u) {
+        return u.first != node_cur.get() && u.first->op_type() == node_cur->op_type();
+      }))
+    return no_match();
   const SiblingTest test(ir, *node_cur, quant_tab);
   if (!test.possible()) return no_match();
   const std::vector<const Node*> pool = sibling_pool(ir, *track, input_0, *node_cur);
