@@ -1,7 +1,7 @@
 // Fusions into a convolution or pool: BatchNormalization into the Conv or
 // ConvTranspose before it, a constant zero Pad into the Conv or pool after
-// it, and a constant per-channel Mul or Add after a Conv or ConvTranspose
-// into its weight and bias.
+// it, a constant per-channel Mul or Add after a Conv or ConvTranspose into
+// its weight and bias, and a constant Mul before a Conv into its weight.
 //
 // Each replaces the two nodes by one new node that produces the second
 // node's outputs, so a graph output keeps its name and a producer; the
@@ -303,6 +303,50 @@ bool fuse_mul_into_conv(IR& ir, Node& mul, FoldStats& stats) {
     ir.set_const(b_name, from_xarray<double>(to_xarray<double>(*bias) * s, dtype));
     replace_nodes(ir, {conv, mul.shared_from_this()}, conv_with(*conv, conv->input[0], w_name, b_name, mul.output[0]));
     ++stats.fusions["mul_into_conv"];
+    return true;
+  }
+  return false;
+}
+
+bool fuse_input_mul_into_conv(IR& ir, Node& conv, FoldStats& stats) {
+  if (conv.op_type() != "Conv" || !in_default_domain(conv) || conv.input.size() < 2 || conv.output.size() != 1)
+    return false;
+  const NodePtr mul = ir.producer(conv.input[0]);
+  if (!mul || mul->op_type() != "Mul" || !in_default_domain(*mul) || mul->input.size() != 2 ||
+      mul->output.size() != 1 || !sole_reader(ir, conv.input[0], conv))
+    return false;
+  const NDArray* w = ir.get_const(conv.input[1]);
+  if (!w || !float_type(w->dtype()) || w->ndim() < 3) return false;
+  const int64_t group = IR::get_attr_int(conv, "group").value_or(1);
+  if (group <= 0) return false;
+  for (size_t i = 0; i < 2; ++i) {
+    const std::string& x = mul->input[i];
+    const NDArray* k = ir.get_const(mul->input[1 - i]);
+    if (!k || k->dtype() != w->dtype() || ir.get_dtype(x) != w->dtype() || !ir.has_shape(x)) continue;
+    const Shape xs = ir.get_shape(x);
+    if (xs.size() != w->ndim() || k->ndim() > xs.size()) continue;
+    // One factor for all, or (ungrouped) one per input channel: the constant
+    // never widens the data, and conv(x * s, W) = conv(x, W * s) because the
+    // convolution's zero padding stays zero.
+    Shape aligned(xs.size() - k->ndim(), 1);
+    aligned.insert(aligned.end(), k->shape().begin(), k->shape().end());
+    if (aligned[1] != 1 && (group != 1 || aligned[1] != w->shape()[1])) continue;
+    bool per_channel = true;
+    for (size_t a = 0; a < aligned.size(); ++a)
+      if (a != 1 && aligned[a] != 1) per_channel = false;
+    if (!per_channel) continue;
+    xt::xarray<double> kv = to_xarray<double>(*k);
+    if (!xt::all(xt::isfinite(kv))) continue;
+    std::vector<size_t> along_inputs(w->ndim(), 1);
+    along_inputs[1] = static_cast<size_t>(aligned[1]);
+    kv.reshape(along_inputs);
+    const std::string w_name = oper_name_join(ir, conv.input[1], "_scaled");
+    ir.set_const(w_name, from_xarray<double>(to_xarray<double>(*w) * kv, w->dtype()));
+    NodePtr fresh = conv.clone();
+    fresh->input.set(0, x);
+    fresh->input.set(1, w_name);
+    replace_nodes(ir, {mul, conv.shared_from_this()}, fresh);
+    ++stats.fusions["input_mul_into_conv"];
     return true;
   }
   return false;

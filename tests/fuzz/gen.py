@@ -2496,6 +2496,32 @@ def pat_conv_scale(b: Builder) -> None:
         b.node1("Conv", [x, w], FLOAT, out, group=g)
 
 
+def pat_conv_input_scale(b: Builder) -> None:
+    """A Mul by a constant, then a (maybe grouped, maybe padded) Conv of it.
+    The constant is one factor for all or one per input channel; near misses:
+    per channel into a grouped Conv, a constant that widens the data, an
+    infinite factor, the product read twice."""
+    x = b.pick_float(min_rank=3, max_rank=4)
+    s = b.shape(x)
+    sp, c = len(s) - 2, s[1]
+    g = b.pick_one([d for d in (1, 2, 3) if c % d == 0])
+    m = g * b.randint(1, 2)
+    u = b.rng.random()
+    ks = b.pick_one([(), (1,), (1, c) + (1,) * sp, (c,) + (1,) * sp]) if u < 0.85 else (2,) + (1,) * (len(s) - 1)
+    kv = b.rng.standard_normal(ks).astype(np.float32)
+    if 0.8 <= u < 0.85:
+        kv = np.full(ks, np.inf, np.float32)
+    xs = broadcast(s, ks)
+    y = b.node1("Mul", [x, b.const(kv, "k")] if b.p(0.5) else [b.const(kv, "k"), x], FLOAT, xs)
+    kernel = b.randint(1, 2)
+    pads = [b.randint(0, kernel - 1) for _ in range(2 * sp)]
+    wv = (b.rng.standard_normal((m, c // g) + (kernel,) * sp) / math.sqrt(c)).astype(np.float32)
+    out = [xs[0], m] + [d + pads[i] + pads[i + sp] - kernel + 1 for i, d in enumerate(xs[2:])]
+    b.node1("Conv", [y, b.const(wv, "w")], FLOAT, out, group=g, pads=pads)
+    if b.p(0.1):
+        b.node1("Neg", [y], FLOAT, xs)
+
+
 PATTERNS: List[Tuple[Callable[[Builder], None], float]] = [
     (pat_transpose, 8),
     (pat_transpose_pair, 8),
@@ -2575,8 +2601,9 @@ PATTERNS: List[Tuple[Callable[[Builder], None], float]] = [
     (pat_reshape_around_concat, 3),
     (pat_reshape_around_split, 3),
     (pat_split_branch_layouts, 3),
-    # a per-channel Mul after a convolution
+    # a per-channel Mul after a convolution, a constant Mul before one
     (pat_conv_scale, 2),
+    (pat_conv_input_scale, 2),
 ]
 _WEIGHTS = np.array([w for _, w in PATTERNS], dtype=float)
 _WEIGHTS /= _WEIGHTS.sum()
