@@ -5,7 +5,8 @@
 // constants; an If whose condition is constant is replaced by the branch it
 // takes; and a few patterns every ONNX optimiser simplifies are fused:
 // BatchNormalization into the Conv before it, a zero Pad into the Conv or
-// pool after it, a constant Add into a Conv's bias, Mul and Add chains by
+// pool after it, a constant Mul or Add after a Conv into its weight and bias,
+// a constant Mul before a Conv into its weight, Mul and Add chains by
 // constants, and (on request) MatMul + Add into Gemm.
 //
 // This is the product's own pass, not a table rule: it runs over the whole

@@ -223,9 +223,10 @@ bool fold_step(IR& ir, Node& node, const FoldOptions& options, FoldStats& stats)
     if (!changed && options.fusions) {
       if (op == "BatchNormalization") changed = fuse_batchnorm_into_conv(ir, node, stats);
       else if (op == "Conv" || op == "MaxPool" || op == "AveragePool")
-        changed = fuse_pad_into_conv_or_pool(ir, node, stats);
+        changed = fuse_pad_into_conv_or_pool(ir, node, stats) || (op == "Conv" && fuse_input_mul_into_conv(ir, node, stats));
       else if (op == "Add" || op == "Mul") {
         changed = (op == "Add" && fuse_add_into_conv_bias(ir, node, stats)) ||
+                  (op == "Mul" && fuse_mul_into_conv(ir, node, stats)) ||
                   fuse_constant_chain(ir, node, options, stats) ||
                   (op == "Add" && options.matmul_add_to_gemm && fuse_matmul_add_into_gemm(ir, node, stats));
       }

@@ -1,6 +1,7 @@
 // Fusions into a convolution or pool: BatchNormalization into the Conv or
 // ConvTranspose before it, a constant zero Pad into the Conv or pool after
-// it, and a constant per-channel Add into a Conv's bias.
+// it, a constant per-channel Mul or Add after a Conv or ConvTranspose into
+// its weight and bias, and a constant Mul before a Conv into its weight.
 //
 // Each replaces the two nodes by one new node that produces the second
 // node's outputs, so a graph output keeps its name and a producer; the
@@ -67,6 +68,56 @@ bool non_negative(const IR& ir, const std::string& t) {
   return false;
 }
 
+// The weight of a convolution with each output channel's kernel multiplied
+// by that channel's factor in `s` (`channels` values).
+xt::xarray<double> scaled_per_output_channel(const NDArray& w, xt::xarray<double> s, bool transposed, int64_t group) {
+  xt::xarray<double> wd = to_xarray<double>(w);
+  const std::vector<size_t> wshape(wd.shape().begin(), wd.shape().end());
+  const size_t channels = s.size();
+  if (!transposed) {
+    // Output channels lead the weight: one factor per row.
+    wd.reshape({channels, wd.size() / channels});
+    s.reshape({channels, 1});
+  } else {
+    // [C_in, M / group, k...]: channel g * (M / group) + j sits at group g, column j.
+    const size_t g = static_cast<size_t>(group), per = channels / g;
+    const size_t cin = wshape[0] / g;
+    wd.reshape({g, cin, per, wd.size() / (g * cin * per)});
+    s.reshape({g, 1, per, 1});
+  }
+  wd *= s;
+  wd.reshape(wshape);
+  return wd;
+}
+
+// Operand `i` of the binary node `n` comes from a convolution read by `n`
+// alone, and the other operand is a constant of the same float type holding
+// one value per output channel (or one for all), so that `n` keeps the
+// convolution's shape. Sets the convolution, its channel count, and the
+// constant spread over the channels.
+bool per_channel_operand(const IR& ir, const Node& n, size_t i, NodePtr& conv, int64_t& channels,
+                         xt::xarray<double>& values) {
+  const std::string& y = n.input[i];
+  const NDArray* k = ir.get_const(n.input[1 - i]);
+  conv = ir.producer(y);
+  if (!k || !conv || !is_conv(*conv) || conv->input.size() < 2 || !sole_reader(ir, y, n)) return false;
+  if (!ir.has_shape(y) || !float_type(k->dtype()) || ir.get_dtype(y) != k->dtype()) return false;
+  const Shape out = ir.get_shape(y);
+  if (out.size() < 3 || k->ndim() > out.size() || out[1] <= 0) return false;
+  // Aligned to the output's rank, every axis of the constant but the channel
+  // axis has size 1.
+  Shape aligned(out.size() - k->ndim(), 1);
+  aligned.insert(aligned.end(), k->shape().begin(), k->shape().end());
+  if (aligned[1] != 1 && aligned[1] != out[1]) return false;
+  for (size_t a = 0; a < aligned.size(); ++a)
+    if (a != 1 && aligned[a] != 1) return false;
+  channels = out[1];
+  xt::xarray<double> kv = to_xarray<double>(*k);
+  kv.reshape({static_cast<size_t>(aligned[1])});
+  values = xt::broadcast(kv, std::vector<size_t>{static_cast<size_t>(channels)});
+  return true;
+}
+
 }  // namespace
 
 bool fuse_batchnorm_into_conv(IR& ir, Node& bn, FoldStats& stats) {
@@ -96,21 +147,7 @@ bool fuse_batchnorm_into_conv(IR& ir, Node& bn, FoldStats& stats) {
   xt::xarray<double> s = scale / xt::sqrt(var + eps);
   if (!xt::all(xt::isfinite(s))) return false;
   const xt::xarray<double> b = (to_xarray<double>(*bias) - mean) * s + shift;
-  xt::xarray<double> wd = to_xarray<double>(*w);
-  const std::vector<size_t> wshape(wd.shape().begin(), wd.shape().end());
-  if (!transposed) {
-    // Output channels lead the weight: one factor per row.
-    wd.reshape({static_cast<size_t>(channels), wd.size() / static_cast<size_t>(channels)});
-    s.reshape({static_cast<size_t>(channels), 1});
-  } else {
-    // [C_in, M / group, k...]: channel g * (M / group) + j sits at group g, column j.
-    const size_t g = static_cast<size_t>(group), per = static_cast<size_t>(channels / group);
-    const size_t cin = wshape[0] / g;
-    wd.reshape({g, cin, per, wd.size() / (g * cin * per)});
-    s.reshape({g, 1, per, 1});
-  }
-  wd *= s;
-  wd.reshape(wshape);
+  const xt::xarray<double> wd = scaled_per_output_channel(*w, s, transposed, group);
 
   const std::string w_name = oper_name_join(ir, conv->input[1], "_bn");
   ir.set_const(w_name, from_xarray<double>(wd, w->dtype()));
@@ -222,33 +259,94 @@ bool fuse_add_into_conv_bias(IR& ir, Node& add, FoldStats& stats) {
   if (add.op_type() != "Add" || !in_default_domain(add) || add.input.size() != 2 || add.output.size() != 1)
     return false;
   for (size_t i = 0; i < 2; ++i) {
-    const std::string& y = add.input[i];
-    const NDArray* k = ir.get_const(add.input[1 - i]);
-    const NodePtr conv = ir.producer(y);
-    if (!k || !conv || !is_conv(*conv) || conv->input.size() < 2 || !sole_reader(ir, y, add)) continue;
-    if (!ir.has_shape(y) || !float_type(k->dtype()) || ir.get_dtype(y) != k->dtype()) continue;
-    const Shape out = ir.get_shape(y);
-    if (out.size() < 3 || k->ndim() > out.size()) continue;
-    // The constant must be one value per channel (or one for all): aligned
-    // to the output's rank, every axis but the channel axis has size 1.
-    Shape aligned(out.size() - k->ndim(), 1);
+    NodePtr conv;
+    int64_t channels = 0;
+    xt::xarray<double> k;
+    if (!per_channel_operand(ir, add, i, conv, channels, k)) continue;
+    const int32_t dtype = ir.get_dtype(add.input[i]);
+    NDArray zeros;
+    const NDArray* bias = conv_bias(ir, *conv, channels, dtype, zeros);
+    if (!bias || bias->dtype() != dtype || bias->size() != channels) continue;
+    const std::string b_name = oper_name_join(ir, conv->name(), "_bias");
+    ir.set_const(b_name, from_xarray<double>(to_xarray<double>(*bias) + k, dtype));
+    replace_nodes(ir, {conv, add.shared_from_this()}, conv_with(*conv, conv->input[0], conv->input[1], b_name, add.output[0]));
+    ++stats.fusions["add_into_conv_bias"];
+    return true;
+  }
+  return false;
+}
+
+bool fuse_mul_into_conv(IR& ir, Node& mul, FoldStats& stats) {
+  if (mul.op_type() != "Mul" || !in_default_domain(mul) || mul.input.size() != 2 || mul.output.size() != 1)
+    return false;
+  for (size_t i = 0; i < 2; ++i) {
+    NodePtr conv;
+    int64_t channels = 0;
+    xt::xarray<double> s;
+    if (!per_channel_operand(ir, mul, i, conv, channels, s)) continue;
+    // (W * x + b) * s = (W * s) * x + b * s for finite factors; an infinite
+    // one would turn the zeros of a kernel into NaN.
+    if (!xt::all(xt::isfinite(s))) continue;
+    const NDArray* w = ir.get_const(conv->input[1]);
+    const int32_t dtype = ir.get_dtype(mul.input[i]);
+    if (!w || w->dtype() != dtype || w->ndim() < 3) continue;
+    const bool transposed = conv->op_type() == "ConvTranspose";
+    const int64_t group = IR::get_attr_int(*conv, "group").value_or(1);
+    if (group <= 0 || channels % group != 0 || (transposed && w->shape()[0] % group != 0)) continue;
+    if ((transposed ? w->shape()[1] * group : w->shape()[0]) != channels) continue;
+    NDArray zeros;
+    const NDArray* bias = conv_bias(ir, *conv, channels, dtype, zeros);
+    if (!bias || bias->dtype() != dtype || bias->size() != channels) continue;
+    const std::string w_name = oper_name_join(ir, conv->input[1], "_scaled");
+    ir.set_const(w_name, from_xarray<double>(scaled_per_output_channel(*w, s, transposed, group), dtype));
+    const std::string b_name = oper_name_join(ir, conv->name(), "_scaled_bias");
+    ir.set_const(b_name, from_xarray<double>(to_xarray<double>(*bias) * s, dtype));
+    replace_nodes(ir, {conv, mul.shared_from_this()}, conv_with(*conv, conv->input[0], w_name, b_name, mul.output[0]));
+    ++stats.fusions["mul_into_conv"];
+    return true;
+  }
+  return false;
+}
+
+bool fuse_input_mul_into_conv(IR& ir, Node& conv, FoldStats& stats) {
+  if (conv.op_type() != "Conv" || !in_default_domain(conv) || conv.input.size() < 2 || conv.output.size() != 1)
+    return false;
+  const NodePtr mul = ir.producer(conv.input[0]);
+  if (!mul || mul->op_type() != "Mul" || !in_default_domain(*mul) || mul->input.size() != 2 ||
+      mul->output.size() != 1 || !sole_reader(ir, conv.input[0], conv))
+    return false;
+  const NDArray* w = ir.get_const(conv.input[1]);
+  if (!w || !float_type(w->dtype()) || w->ndim() < 3) return false;
+  const int64_t group = IR::get_attr_int(conv, "group").value_or(1);
+  if (group <= 0) return false;
+  for (size_t i = 0; i < 2; ++i) {
+    const std::string& x = mul->input[i];
+    const NDArray* k = ir.get_const(mul->input[1 - i]);
+    if (!k || k->dtype() != w->dtype() || ir.get_dtype(x) != w->dtype() || !ir.has_shape(x)) continue;
+    const Shape xs = ir.get_shape(x);
+    if (xs.size() != w->ndim() || k->ndim() > xs.size()) continue;
+    // One factor for all, or (ungrouped) one per input channel: the constant
+    // never widens the data, and conv(x * s, W) = conv(x, W * s) because the
+    // convolution's zero padding stays zero.
+    Shape aligned(xs.size() - k->ndim(), 1);
     aligned.insert(aligned.end(), k->shape().begin(), k->shape().end());
-    bool per_channel = aligned[1] == 1 || aligned[1] == out[1];
+    if (aligned[1] != 1 && (group != 1 || aligned[1] != w->shape()[1])) continue;
+    bool per_channel = true;
     for (size_t a = 0; a < aligned.size(); ++a)
       if (a != 1 && aligned[a] != 1) per_channel = false;
     if (!per_channel) continue;
-    const int64_t channels = out[1];
-    NDArray zeros;
-    const NDArray* bias = conv_bias(ir, *conv, channels, k->dtype(), zeros);
-    if (!bias || bias->dtype() != k->dtype() || bias->size() != channels) continue;
     xt::xarray<double> kv = to_xarray<double>(*k);
-    kv.reshape({static_cast<size_t>(aligned[1])});
-    const xt::xarray<double> b =
-        to_xarray<double>(*bias) + xt::broadcast(kv, std::vector<size_t>{static_cast<size_t>(channels)});
-    const std::string b_name = oper_name_join(ir, conv->name(), "_bias");
-    ir.set_const(b_name, from_xarray<double>(b, k->dtype()));
-    replace_nodes(ir, {conv, add.shared_from_this()}, conv_with(*conv, conv->input[0], conv->input[1], b_name, add.output[0]));
-    ++stats.fusions["add_into_conv_bias"];
+    if (!xt::all(xt::isfinite(kv))) continue;
+    std::vector<size_t> along_inputs(w->ndim(), 1);
+    along_inputs[1] = static_cast<size_t>(aligned[1]);
+    kv.reshape(along_inputs);
+    const std::string w_name = oper_name_join(ir, conv.input[1], "_scaled");
+    ir.set_const(w_name, from_xarray<double>(to_xarray<double>(*w) * kv, w->dtype()));
+    NodePtr fresh = conv.clone();
+    fresh->input.set(0, x);
+    fresh->input.set(1, w_name);
+    replace_nodes(ir, {mul, conv.shared_from_this()}, fresh);
+    ++stats.fusions["input_mul_into_conv"];
     return true;
   }
   return false;

@@ -23,6 +23,8 @@ bool inline_constant_if(IR& ir, Node& node, FoldStats& stats);
 bool fuse_batchnorm_into_conv(IR& ir, Node& bn, FoldStats& stats);
 bool fuse_pad_into_conv_or_pool(IR& ir, Node& consumer, FoldStats& stats);
 bool fuse_add_into_conv_bias(IR& ir, Node& add, FoldStats& stats);
+bool fuse_mul_into_conv(IR& ir, Node& mul, FoldStats& stats);
+bool fuse_input_mul_into_conv(IR& ir, Node& conv, FoldStats& stats);
 
 // fusions_arith.cpp
 bool fuse_constant_chain(IR& ir, Node& outer, const FoldOptions& options, FoldStats& stats);

@@ -2462,6 +2462,66 @@ def pat_cast_equal(b: Builder) -> None:
     b.node1("Cast", [eq], FLOAT, s, to=FLOAT)
 
 
+def pat_conv_scale(b: Builder) -> None:
+    """A Conv or grouped ConvTranspose, then a Mul by a constant that is one
+    factor per channel (or one for all), maybe followed by a per-channel Add.
+    Near misses: a factor that is not per channel, an infinite factor, the
+    conv output read twice, the weight shared with a second Conv."""
+    x = b.pick_float(min_rank=3, max_rank=4)
+    s = b.shape(x)
+    sp, c = len(s) - 2, s[1]
+    g = b.pick_one([d for d in (1, 2, 3) if c % d == 0])
+    m = g * b.randint(1, 2)
+    transposed = b.p(0.3)
+    wshape = (c, m // g) if transposed else (m, c // g)
+    wv = (b.rng.standard_normal(wshape + (1,) * sp) / math.sqrt(c)).astype(np.float32)
+    w = b.const(wv, "w")
+    ins = [x, w]
+    if b.p(0.4):
+        ins.append(b.const(b.rng.standard_normal(m).astype(np.float32), "bias"))
+    out = [s[0], m] + list(s[2:])
+    y = b.node1("ConvTranspose" if transposed else "Conv", ins, FLOAT, out, group=g)
+    u = b.rng.random()
+    ks = b.pick_one([(1, m) + (1,) * sp, (m,) + (1,) * sp, (), (1,) * len(out)]) if u < 0.8 else tuple(out[1:])
+    kv = b.rng.standard_normal(ks).astype(np.float32)
+    if 0.8 <= u < 0.85:
+        kv = np.full(ks, np.inf, np.float32)
+    k = b.const(kv, "k")
+    z = b.node1("Mul", [y, k] if b.p(0.5) else [k, y], FLOAT, broadcast(out, ks))
+    if b.p(0.4):
+        z = b.node1("Add", [z, b.const(b.rng.standard_normal((m,) + (1,) * sp).astype(np.float32))], FLOAT, b.shape(z))
+    if 0.85 <= u < 0.92:
+        b.node1("Neg", [y], FLOAT, out)
+    elif u >= 0.92 and not transposed:
+        b.node1("Conv", [x, w], FLOAT, out, group=g)
+
+
+def pat_conv_input_scale(b: Builder) -> None:
+    """A Mul by a constant, then a (maybe grouped, maybe padded) Conv of it.
+    The constant is one factor for all or one per input channel; near misses:
+    per channel into a grouped Conv, a constant that widens the data, an
+    infinite factor, the product read twice."""
+    x = b.pick_float(min_rank=3, max_rank=4)
+    s = b.shape(x)
+    sp, c = len(s) - 2, s[1]
+    g = b.pick_one([d for d in (1, 2, 3) if c % d == 0])
+    m = g * b.randint(1, 2)
+    u = b.rng.random()
+    ks = b.pick_one([(), (1,), (1, c) + (1,) * sp, (c,) + (1,) * sp]) if u < 0.85 else (2,) + (1,) * (len(s) - 1)
+    kv = b.rng.standard_normal(ks).astype(np.float32)
+    if 0.8 <= u < 0.85:
+        kv = np.full(ks, np.inf, np.float32)
+    xs = broadcast(s, ks)
+    y = b.node1("Mul", [x, b.const(kv, "k")] if b.p(0.5) else [b.const(kv, "k"), x], FLOAT, xs)
+    kernel = b.randint(1, 2)
+    pads = [b.randint(0, kernel - 1) for _ in range(2 * sp)]
+    wv = (b.rng.standard_normal((m, c // g) + (kernel,) * sp) / math.sqrt(c)).astype(np.float32)
+    out = [xs[0], m] + [d + pads[i] + pads[i + sp] - kernel + 1 for i, d in enumerate(xs[2:])]
+    b.node1("Conv", [y, b.const(wv, "w")], FLOAT, out, group=g, pads=pads)
+    if b.p(0.1):
+        b.node1("Neg", [y], FLOAT, xs)
+
+
 PATTERNS: List[Tuple[Callable[[Builder], None], float]] = [
     (pat_transpose, 8),
     (pat_transpose_pair, 8),
@@ -2541,6 +2601,9 @@ PATTERNS: List[Tuple[Callable[[Builder], None], float]] = [
     (pat_reshape_around_concat, 3),
     (pat_reshape_around_split, 3),
     (pat_split_branch_layouts, 3),
+    # a per-channel Mul after a convolution, a constant Mul before one
+    (pat_conv_scale, 2),
+    (pat_conv_input_scale, 2),
 ]
 _WEIGHTS = np.array([w for _, w in PATTERNS], dtype=float)
 _WEIGHTS /= _WEIGHTS.sum()

@@ -143,6 +143,31 @@ FUSIONS = {
         {"W": w(4, 3, 1, 1), "B": w(4), "k": w(1)},
         ["Conv"],
     ),
+    "conv with bias + per-channel mul + add": (
+        [("Conv", ["x", "W", "B"], ["c"]), ("Mul", ["s", "c"], ["m"]), ("Add", ["m", "k"], ["y"])],
+        {"W": w(4, 3, 3, 3), "B": w(4), "s": w(1, 4, 1, 1), "k": w(1, 1, 1, 1)},
+        ["Conv"],
+    ),
+    "grouped conv transpose + scalar mul": (
+        [("ConvTranspose", ["x", "W"], ["c"], {"group": 3}), ("Mul", ["c", "s"], ["y"])],
+        {"W": w(3, 2, 3, 3), "s": np.float32(-0.7)},
+        ["ConvTranspose"],
+    ),
+    "mul after a conv whose weight another conv reads": (
+        [("Conv", ["x", "W"], ["c"]), ("Mul", ["c", "s"], ["m"]), ("Conv", ["x", "W"], ["d"]), ("Add", ["m", "d"], ["y"])],
+        {"W": w(4, 3, 1, 1), "s": w(4, 1, 1)},
+        ["Add", "Conv", "Conv"],
+    ),
+    "scalar mul + grouped conv with padding": (
+        [("Mul", ["x", "s"], ["m"]), ("Conv", ["m", "W", "B"], ["y"], {"group": 3, "pads": [1, 1, 1, 1]})],
+        {"s": np.float32(0.5), "W": w(6, 1, 3, 3), "B": w(6)},
+        ["Conv"],
+    ),
+    "per-channel mul + conv": (
+        [("Mul", ["s", "x"], ["m"]), ("Conv", ["m", "W"], ["y"], {"pads": [1, 0, 1, 0]})],
+        {"s": w(1, 3, 1, 1), "W": w(4, 3, 3, 3)},
+        ["Conv"],
+    ),
     "mul chain": (
         [("Mul", ["x", "a"], ["m"]), ("Mul", ["b", "m"], ["y"])],
         {"a": w(3, 1, 1, lo=0.5, hi=2), "b": np.float32(1.5)},
@@ -178,6 +203,26 @@ FUSIONS = {
         [("Conv", ["x", "W"], ["c"]), ("Add", ["c", "k"], ["y"])],
         {"W": w(4, 3, 1, 1), "k": w(1, 4, 8, 1)},
         ["Add", "Conv"],
+    ),
+    "conv + mul by an infinite factor": (
+        [("Conv", ["x", "W"], ["c"]), ("Mul", ["c", "s"], ["y"])],
+        {"W": w(4, 3, 1, 1), "s": np.array([1, np.inf, 1, 1], np.float32).reshape(4, 1, 1)},
+        ["Conv", "Mul"],
+    ),
+    "conv + mul that broadcasts to a higher rank": (
+        [("Conv", ["x", "W"], ["c"]), ("Mul", ["c", "s"], ["y"])],
+        {"W": w(4, 3, 1, 1), "s": w(1, 1, 1, 1, 1)},
+        ["Conv", "Mul"],
+    ),
+    "per-channel mul + grouped conv": (
+        [("Mul", ["x", "s"], ["m"]), ("Conv", ["m", "W"], ["y"], {"group": 3})],
+        {"s": w(3, 1, 1), "W": w(3, 1, 1, 1)},
+        ["Conv", "Mul"],
+    ),
+    "mul that widens the data + conv": (
+        [("Mul", ["x", "s"], ["m"]), ("Conv", ["m", "W"], ["y"])],
+        {"s": w(2, 1, 1, 1), "W": w(4, 3, 1, 1)},
+        ["Conv", "Mul"],
     ),
     "conv output read twice before batchnorm": (
         [("Conv", ["x", "W"], ["c"]), ("BatchNormalization", ["c", "s", "b", "m", "v"], ["n"]), ("Add", ["c", "n"], ["y"])],
