@@ -236,6 +236,9 @@ bool fuse_pad_into_conv_or_pool(IR& ir, Node& consumer, FoldStats& stats) {
       if (!only_first_output_used(ir, consumer)) return false;
       const bool minus_inf = std::isinf(value) && value < 0;
       if (!minus_inf && !(value == 0.0 && non_negative(ir, data))) return false;
+      // A NaN in the window meets an explicit 0 where the pool's own
+      // padding has none: the two can pick differently.
+      if (!minus_inf && may_carry_non_finite(ir, data)) return false;
     } else {
       // Explicit zeros count in the average: the pool must count its own
       // padding too, which it can only where it had none of its own.

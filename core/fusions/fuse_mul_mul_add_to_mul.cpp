@@ -46,6 +46,8 @@ RuleResult _p_fuse_mul_mul_add_to_mul(IR& ir, const NodeList& nodes, QuantTable*
   const std::string& mul_1_feature = mul_1->input[c1_first ? 1 : 0];
   const std::string& mul_2_feature = mul_2->input[c2_first ? 1 : 0];
   if (mul_1_feature != mul_2_feature) return no_match();
+  // x*a + x*b and x*(a+b) differ where x is infinite (inf - inf is NaN).
+  if (may_carry_non_finite(ir, mul_1_feature)) return no_match();
 
   const std::optional<NDArray> new_const = const_sum(*ir.get_const(mul_1_const), *ir.get_const(mul_2_const));
   if (!new_const) return no_match();

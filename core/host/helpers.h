@@ -142,12 +142,11 @@ bool only_read_by(const IR& ir, const std::string& t, const Node& reader);
 // null otherwise.
 NodePtr single_reader(const IR& ir, const std::string& t);
 // True when `t` may hold an infinity or NaN that a constant puts there: the
-// walk goes up through operators that move, pick or pass values on (Pad's
-// fill value and the constants of elementwise arithmetic count as put in),
-// and stops at any other producer and at graph inputs, whose data is taken
-// to be finite. A selection done as a 0/1 convolution multiplies every value
-// by 0 somewhere, and 0 * inf is NaN: such a rewrite is exact only on finite
-// data. A walk that grows past its bound answers true.
+// walk goes up through the producers of float tensors (a Pad's fill value
+// counts as a constant) and stops at graph inputs, whose data is taken to be
+// finite, and past a bound of tensors near `t`. Rewrites that are exact only
+// on finite data ask this: a selection done as a 0/1 convolution multiplies
+// every value by 0 somewhere, and 0 * inf is NaN.
 bool may_carry_non_finite(const IR& ir, const std::string& t);
 // Op types of the node's producers and consumers, with how many neighbours
 // have each type.

@@ -72,14 +72,10 @@ bool only_read_by(const IR& ir, const std::string& t, const Node& reader) {
 }
 
 bool may_carry_non_finite(const IR& ir, const std::string& t) {
-  // Operators whose outputs hold only values read from their inputs (or, for
-  // arithmetic, computed from them without creating an infinity out of
-  // finite data apart from overflow): an infinite constant behind them
-  // reaches the output.
-  static const std::unordered_set<std::string> passes_on = {
-      "Identity", "Reshape", "Flatten", "Squeeze", "Unsqueeze", "Transpose", "Slice", "Split", "Concat",
-      "Gather", "GatherElements", "GatherND", "Expand", "Tile", "Pad", "Cast", "DepthToSpace", "SpaceToDepth",
-      "Where", "Max", "Min", "Relu", "MaxPool", "Add", "Sub", "Mul", "Neg", "Abs", "ScatterND", "ScatterElements"};
+  // Almost any operator hands an infinity or NaN in its input on to its
+  // output (a Conv sums it in, a Relu keeps NaN): the walk goes up through
+  // every producer of a float tensor. Integer, boolean and shape tensors
+  // hold no such value and end it.
   constexpr size_t kMaxVisits = 64;
   auto non_finite = [](const NDArray& a) {
     if (!dtype_is_float(a.dtype())) return false;
@@ -96,17 +92,20 @@ bool may_carry_non_finite(const IR& ir, const std::string& t) {
       if (non_finite(*c)) return true;
       continue;
     }
+    const int32_t dtype = ir.get_dtype(cur);
+    if (dtype != dt::UNDEFINED && !dtype_is_float(dtype)) continue;
     const NodePtr p = ir.producer(cur);
     if (!p) continue;
     if (p->op_type() == "Constant") return true;  // not taken in as a constant: its value is unread
-    if (!passes_on.count(p->op_type())) continue;
-    if (p->op_type() == "Pad") {
+    if (p->op_type() == "Pad") {  // the fill value, an attribute before opset 11
       const auto fill = IR::get_attr_float(*p, "value");
       if (fill && !std::isfinite(*fill)) return true;
     }
     for (const auto& in : p->input) {
       if (in.empty() || !seen.insert(in).second) continue;
-      if (seen.size() > kMaxVisits) return true;
+      // The walk looks at the neighbourhood of the data: beyond its bound
+      // it stops and takes the data as finite, as it does at graph inputs.
+      if (seen.size() > kMaxVisits) return false;
       work.push_back(in);
     }
   }
