@@ -141,10 +141,11 @@ bool only_read_by(const IR& ir, const std::string& t, const Node& reader);
 // The one node that reads `t`, in one slot, when `t` is no graph output;
 // null otherwise.
 NodePtr single_reader(const IR& ir, const std::string& t);
-// True when `t` may hold an infinity or NaN that a constant puts there: the
-// walk goes up through the producers of float tensors (a Pad's fill value
-// counts as a constant) and stops at graph inputs, whose data is taken to be
-// finite, and past a bound of tensors near `t`. Rewrites that are exact only
+// True when `t` may hold an infinity or NaN that a constant puts there or an
+// operator makes (a division by what may be 0, a logarithm, a fractional
+// power): the walk goes up through the producers of float tensors (a Pad's
+// fill value counts as a constant) and stops at graph inputs, whose data is
+// taken to be finite, and past a bound of tensors near `t`. Rewrites that are exact only
 // on finite data ask this: a selection done as a 0/1 convolution multiplies
 // every value by 0 somewhere, and 0 * inf is NaN.
 bool may_carry_non_finite(const IR& ir, const std::string& t);

@@ -71,6 +71,31 @@ bool only_read_by(const IR& ir, const std::string& t, const Node& reader) {
   return true;
 }
 
+namespace {
+
+// Operators that can make an infinity or NaN out of finite data: division
+// by a value that may be 0, roots and logarithms of values that may be
+// negative or 0, powers whose exponent is not a whole number of at least 0,
+// and exponentials, which overflow.
+bool makes_non_finite(const IR& ir, const Node& p) {
+  static const std::unordered_set<std::string> always = {
+      "Reciprocal", "Log", "Sqrt", "Exp", "Acos", "Asin", "Acosh", "Atanh", "Tan", "Softplus",
+      "LogSoftmax", "ReduceLogSum", "ReduceLogSumExp", "Mod"};
+  const std::string& op = p.op_type();
+  if (always.count(op)) return true;
+  if (op != "Div" && op != "Pow") return false;
+  const NDArray* k = p.input.size() > 1 ? ir.get_const(p.input[1]) : nullptr;
+  if (!k) return true;
+  for (int64_t i = 0; i < k->size(); ++i) {
+    const double v = k->f64_at(i);
+    if (!std::isfinite(v)) return true;
+    if (op == "Div" ? v == 0.0 : (v < 0.0 || v != std::floor(v))) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
 bool may_carry_non_finite(const IR& ir, const std::string& t) {
   // Almost any operator hands an infinity or NaN in its input on to its
   // output (a Conv sums it in, a Relu keeps NaN): the walk goes up through
@@ -97,6 +122,7 @@ bool may_carry_non_finite(const IR& ir, const std::string& t) {
     const NodePtr p = ir.producer(cur);
     if (!p) continue;
     if (p->op_type() == "Constant") return true;  // not taken in as a constant: its value is unread
+    if (makes_non_finite(ir, *p)) return true;
     if (p->op_type() == "Pad") {  // the fill value, an attribute before opset 11
       const auto fill = IR::get_attr_float(*p, "value");
       if (fill && !std::isfinite(*fill)) return true;
