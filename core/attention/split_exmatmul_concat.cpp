@@ -107,6 +107,9 @@ RuleResult _p_fuse_split_exmatmul_concat(IR& ir, const NodeList& nodes, QuantTab
   Shape expected_concat_shape = exmatmul_out_shape;
   expected_concat_shape[1] = new_weight_shape[3];
   if (expected_concat_shape != concat_out_shape) return no_match();
+  // The passed-through channels go through the weight as 1 and 0: an
+  // infinite value would turn the other channels into NaN.
+  if (may_carry_non_finite(ir, split->input[0])) return no_match();
 
   // The old weight as one block; every passed-through channel maps to itself.
   const auto us = [](int64_t v) { return static_cast<size_t>(v); };

@@ -169,6 +169,10 @@ std::optional<GroupPlan> plan_group(const IR& ir, const Node& stack_op, int64_t 
       const int32_t t = ir.get_dtype(groups_nodes[0]->input[0]);
       if (t != dt::FLOAT && t != dt::FLOAT16 && t != dt::DOUBLE) return std::nullopt;
       if (ir.opset() < 12 || ir.get_shape(groups_nodes[0]->input[0]).size() >= 25) return std::nullopt;
+      // The 0/1 weights multiply every part by 0 somewhere: an infinite
+      // value would turn the other sums into NaN.
+      for (const NodePtr& n : groups_nodes)
+        if (may_carry_non_finite(ir, n->input[0])) return std::nullopt;
       plan.reduce_sum_to_einsum = true;
     }
   } else if (op == "Gather") {
