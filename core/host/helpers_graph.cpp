@@ -11,14 +11,9 @@ namespace tolm {
 namespace {
 
 std::string join_free(const IR& ir, const std::string& stem, const std::vector<std::string>& avoid) {
-  auto taken = [&](const std::string& name) {
+  return ir.free_suffixed(stem, [&](const std::string& name) {
     return ir.name_taken(name) || std::find(avoid.begin(), avoid.end(), name) != avoid.end();
-  };
-  if (!taken(stem)) return stem;
-  for (int64_t k = 1;; ++k) {
-    std::string cand = stem + "_" + std::to_string(k);
-    if (!taken(cand)) return cand;
-  }
+  });
 }
 
 std::string stem_of(const std::string& base, const std::string& suffix,

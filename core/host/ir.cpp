@@ -752,20 +752,12 @@ bool IR::name_taken(const std::string& name) const {
 }
 
 std::string IR::unique_tensor_name(const std::string& base) const {
-  if (!name_taken(base)) return base;
-  for (int64_t k = 1;; ++k) {
-    std::string cand = base + "_" + std::to_string(k);
-    if (!name_taken(cand)) return cand;
-  }
+  return free_suffixed(base, [&](const std::string& n) { return name_taken(n); });
 }
 
 std::string IR::unique_node_name(const std::string& base) const {
-  auto free = [&](const std::string& n) { return by_name_.find(n) == nullptr && retired_index_.find(n) == nullptr; };
-  if (free(base)) return base;
-  for (int64_t k = 1;; ++k) {
-    std::string cand = base + "_" + std::to_string(k);
-    if (free(cand)) return cand;
-  }
+  return free_suffixed(
+      base, [&](const std::string& n) { return by_name_.find(n) != nullptr || retired_index_.find(n) != nullptr; });
 }
 
 void IR::set_value_info(std::vector<std::string> names) {

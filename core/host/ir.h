@@ -329,6 +329,22 @@ class IR {
   // A name that no node holds or held: base itself, or base plus "_k".
   std::string unique_node_name(const std::string& base) const;
   bool name_taken(const std::string& name) const;
+  // stem itself if free, else stem plus the first "_k" that `taken` refuses.
+  // The search for a stem resumes where it last stopped: every smaller k was
+  // taken then, and a name once handed out is never free again, so a
+  // thousand rewrites naming from one stem cost linear time, not quadratic.
+  template <class Taken>
+  std::string free_suffixed(const std::string& stem, Taken taken) const {
+    if (!taken(stem)) return stem;
+    int64_t& next = suffix_next_[stem];
+    for (int64_t k = next + 1;; ++k) {
+      std::string cand = stem + "_" + std::to_string(k);
+      if (!taken(cand)) {
+        next = k;
+        return cand;
+      }
+    }
+  }
 
   // True if tensor t is computed upstream of the node (its inputs or theirs).
   bool depends_on(const Node& node, const std::string& t) const;
@@ -448,6 +464,8 @@ class IR {
   NameIndex<std::string, StringKey> retired_index_;
   // Next counter per op type for the names of unnamed nodes.
   std::unordered_map<std::string, int64_t> auto_name_next_;
+  // Last suffix handed out per stem by free_suffixed.
+  mutable std::unordered_map<std::string, int64_t> suffix_next_;
   std::vector<UndoRecord> undo_;
   bool recording_ = false;
 };
