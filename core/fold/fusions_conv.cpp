@@ -118,6 +118,36 @@ bool per_channel_operand(const IR& ir, const Node& n, size_t i, NodePtr& conv, i
   return true;
 }
 
+// The operand of the binary node `n` that a convolution feeds as
+// per_channel_operand describes (0 or 1), or -1 when neither does.
+int per_channel_side(const IR& ir, const Node& n, const std::string& op, NodePtr& conv, int64_t& channels,
+                     xt::xarray<double>& values) {
+  if (n.op_type() != op || !in_default_domain(n) || n.input.size() != 2 || n.output.size() != 1) return -1;
+  for (int i = 0; i < 2; ++i)
+    if (per_channel_operand(ir, n, static_cast<size_t>(i), conv, channels, values)) return i;
+  return -1;
+}
+
+// The name of a constant holding `value`: `original` itself when the fusion
+// left its values bit for bit as they were (a factor of 1, a bias plus 0),
+// so that a weight many convolutions share is not copied once for each.
+std::string constant_for(IR& ir, NDArray value, const std::string& original, const std::string& stem,
+                         const std::string& suffix) {
+  if (!original.empty()) {
+    const NDArray* before = ir.get_const(original);
+    if (before && *before == value) return original;
+  }
+  const std::string name = oper_name_join(ir, stem, suffix);
+  ir.set_const(name, std::move(value));
+  return name;
+}
+
+// The name of the bias input of a convolution; empty when it has none.
+const std::string& bias_input(const Node& conv) {
+  static const std::string none;
+  return conv.input.size() > 2 ? conv.input[2] : none;
+}
+
 }  // namespace
 
 bool fuse_batchnorm_into_conv(IR& ir, Node& bn, FoldStats& stats) {
@@ -259,56 +289,48 @@ bool fuse_pad_into_conv_or_pool(IR& ir, Node& consumer, FoldStats& stats) {
 }
 
 bool fuse_add_into_conv_bias(IR& ir, Node& add, FoldStats& stats) {
-  if (add.op_type() != "Add" || !in_default_domain(add) || add.input.size() != 2 || add.output.size() != 1)
-    return false;
-  for (size_t i = 0; i < 2; ++i) {
-    NodePtr conv;
-    int64_t channels = 0;
-    xt::xarray<double> k;
-    if (!per_channel_operand(ir, add, i, conv, channels, k)) continue;
-    const int32_t dtype = ir.get_dtype(add.input[i]);
-    NDArray zeros;
-    const NDArray* bias = conv_bias(ir, *conv, channels, dtype, zeros);
-    if (!bias || bias->dtype() != dtype || bias->size() != channels) continue;
-    const std::string b_name = oper_name_join(ir, conv->name(), "_bias");
-    ir.set_const(b_name, from_xarray<double>(to_xarray<double>(*bias) + k, dtype));
-    replace_nodes(ir, {conv, add.shared_from_this()}, conv_with(*conv, conv->input[0], conv->input[1], b_name, add.output[0]));
-    ++stats.fusions["add_into_conv_bias"];
-    return true;
-  }
-  return false;
+  NodePtr conv;
+  int64_t channels = 0;
+  xt::xarray<double> k;
+  const int i = per_channel_side(ir, add, "Add", conv, channels, k);
+  if (i < 0) return false;
+  const int32_t dtype = ir.get_dtype(add.input[static_cast<size_t>(i)]);
+  NDArray zeros;
+  const NDArray* bias = conv_bias(ir, *conv, channels, dtype, zeros);
+  if (!bias || bias->dtype() != dtype || bias->size() != channels) return false;
+  const std::string b_name =
+      constant_for(ir, from_xarray<double>(to_xarray<double>(*bias) + k, dtype), bias_input(*conv), conv->name(), "_bias");
+  replace_nodes(ir, {conv, add.shared_from_this()}, conv_with(*conv, conv->input[0], conv->input[1], b_name, add.output[0]));
+  ++stats.fusions["add_into_conv_bias"];
+  return true;
 }
 
 bool fuse_mul_into_conv(IR& ir, Node& mul, FoldStats& stats) {
-  if (mul.op_type() != "Mul" || !in_default_domain(mul) || mul.input.size() != 2 || mul.output.size() != 1)
-    return false;
-  for (size_t i = 0; i < 2; ++i) {
-    NodePtr conv;
-    int64_t channels = 0;
-    xt::xarray<double> s;
-    if (!per_channel_operand(ir, mul, i, conv, channels, s)) continue;
-    // (W * x + b) * s = (W * s) * x + b * s for finite factors; an infinite
-    // one would turn the zeros of a kernel into NaN.
-    if (!xt::all(xt::isfinite(s))) continue;
-    const NDArray* w = ir.get_const(conv->input[1]);
-    const int32_t dtype = ir.get_dtype(mul.input[i]);
-    if (!w || w->dtype() != dtype || w->ndim() < 3) continue;
-    const bool transposed = conv->op_type() == "ConvTranspose";
-    const int64_t group = IR::get_attr_int(*conv, "group").value_or(1);
-    if (group <= 0 || channels % group != 0 || (transposed && w->shape()[0] % group != 0)) continue;
-    if ((transposed ? w->shape()[1] * group : w->shape()[0]) != channels) continue;
-    NDArray zeros;
-    const NDArray* bias = conv_bias(ir, *conv, channels, dtype, zeros);
-    if (!bias || bias->dtype() != dtype || bias->size() != channels) continue;
-    const std::string w_name = oper_name_join(ir, conv->input[1], "_scaled");
-    ir.set_const(w_name, from_xarray<double>(scaled_per_output_channel(*w, s, transposed, group), dtype));
-    const std::string b_name = oper_name_join(ir, conv->name(), "_scaled_bias");
-    ir.set_const(b_name, from_xarray<double>(to_xarray<double>(*bias) * s, dtype));
-    replace_nodes(ir, {conv, mul.shared_from_this()}, conv_with(*conv, conv->input[0], w_name, b_name, mul.output[0]));
-    ++stats.fusions["mul_into_conv"];
-    return true;
-  }
-  return false;
+  NodePtr conv;
+  int64_t channels = 0;
+  xt::xarray<double> s;
+  const int i = per_channel_side(ir, mul, "Mul", conv, channels, s);
+  if (i < 0) return false;
+  // (W * x + b) * s = (W * s) * x + b * s for finite factors; an infinite
+  // one would turn the zeros of a kernel into NaN.
+  if (!xt::all(xt::isfinite(s))) return false;
+  const NDArray* w = ir.get_const(conv->input[1]);
+  const int32_t dtype = ir.get_dtype(mul.input[static_cast<size_t>(i)]);
+  if (!w || w->dtype() != dtype || w->ndim() < 3) return false;
+  const bool transposed = conv->op_type() == "ConvTranspose";
+  const int64_t group = IR::get_attr_int(*conv, "group").value_or(1);
+  if (group <= 0 || channels % group != 0 || (transposed && w->shape()[0] % group != 0)) return false;
+  if ((transposed ? w->shape()[1] * group : w->shape()[0]) != channels) return false;
+  NDArray zeros;
+  const NDArray* bias = conv_bias(ir, *conv, channels, dtype, zeros);
+  if (!bias || bias->dtype() != dtype || bias->size() != channels) return false;
+  const std::string w_name = constant_for(ir, from_xarray<double>(scaled_per_output_channel(*w, s, transposed, group), dtype),
+                                          conv->input[1], conv->input[1], "_scaled");
+  const std::string b_name =
+      constant_for(ir, from_xarray<double>(to_xarray<double>(*bias) * s, dtype), bias_input(*conv), conv->name(), "_scaled_bias");
+  replace_nodes(ir, {conv, mul.shared_from_this()}, conv_with(*conv, conv->input[0], w_name, b_name, mul.output[0]));
+  ++stats.fusions["mul_into_conv"];
+  return true;
 }
 
 bool fuse_input_mul_into_conv(IR& ir, Node& conv, FoldStats& stats) {
@@ -343,8 +365,8 @@ bool fuse_input_mul_into_conv(IR& ir, Node& conv, FoldStats& stats) {
     std::vector<size_t> along_inputs(w->ndim(), 1);
     along_inputs[1] = static_cast<size_t>(aligned[1]);
     kv.reshape(along_inputs);
-    const std::string w_name = oper_name_join(ir, conv.input[1], "_scaled");
-    ir.set_const(w_name, from_xarray<double>(to_xarray<double>(*w) * kv, w->dtype()));
+    const std::string w_name =
+        constant_for(ir, from_xarray<double>(to_xarray<double>(*w) * kv, w->dtype()), conv.input[1], conv.input[1], "_scaled");
     NodePtr fresh = conv.clone();
     fresh->input.set(0, x);
     fresh->input.set(1, w_name);

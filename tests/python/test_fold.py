@@ -270,6 +270,27 @@ def test_fusion_freed_by_pruning_a_dead_reader_lands_in_the_first_round():
     assert report["rounds"] == 2
 
 
+def test_fusions_that_change_no_value_keep_the_shared_weight_and_bias():
+    # Mul by 1 and Add of 0 after convolutions that share W and B fuse away
+    # without a copy of W or B per convolution; a real factor still copies.
+    m = make_model(
+        [("Conv", ["x", "W", "B"], ["c1"]), ("Mul", ["c1", "one"], ["m1"]), ("Add", ["m1", "zero"], ["a1"]),
+         ("Conv", ["a1", "W", "B"], ["c2"]), ("Mul", ["c2", "one"], ["m2"]), ("Add", ["m2", "zero"], ["a2"]),
+         ("Conv", ["a2", "W", "B"], ["c3"]), ("Mul", ["c3", "half"], ["y"])],
+        inputs={"x": [1, 4, 5, 5]},
+        outputs={"y": None},
+        consts={"W": w(4, 4, 1, 1), "B": w(4), "one": np.float32(1.0), "zero": np.zeros(4, np.float32).reshape(4, 1, 1),
+                "half": np.float32(0.5)},
+        opset=17,
+    )
+    reduced, report = reduced_ok(onnx.shape_inference.infer_shapes(m))
+    assert ops(reduced) == ["Conv"] * 3
+    assert report["fold"]["fusions"] == {"mul_into_conv": 3, "add_into_conv_bias": 2}
+    convs = [list(n.input[1:]) for n in reduced.graph.node]
+    assert convs[0] == convs[1] == ["W", "B"] and convs[2] != ["W", "B"]
+    assert len(reduced.graph.initializer) == 4
+
+
 def matmul_add_model() -> onnx.ModelProto:
     return make_model(
         [("MatMul", ["x", "W"], ["mm"]), ("Add", ["mm", "B"], ["y"])],
