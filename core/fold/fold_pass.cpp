@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <deque>
 #include <stdexcept>
+#include <string_view>
 
 #include "fold/evaluate.h"
 #include "fold/steps.h"
@@ -94,7 +95,7 @@ bool fold_constant_node(IR& ir, Node& node, const FoldOptions& options, FoldStat
   if (node.output.empty() || !in_default_domain(node)) return false;
   const OpEvaluator* ev = find_evaluator(node.op_type());
   if (!ev) return false;
-  const bool is_constant = node.op_type() == "Constant";
+  const bool is_constant = std::string_view(node.op_type()) == "Constant";
   // A Constant node that produces a graph output is how that output keeps a
   // producer: it stays.
   for (const auto& t : node.output)
@@ -106,7 +107,7 @@ bool fold_constant_node(IR& ir, Node& node, const FoldOptions& options, FoldStat
     for (size_t i = 0; i < known; ++i) {
       const TensorInfo* ti = ir.port_tensor(node, false, i);
       if (!ti || ti->constant) continue;
-      if (ti->producers.empty() || ti->producers.back()->op_type() != "Constant") return false;
+      if (ti->producers.empty() || std::string_view(ti->producers.back()->op_type()) != "Constant") return false;
     }
   }
 
@@ -217,9 +218,11 @@ bool fold_step(IR& ir, Node& node, const FoldOptions& options, FoldStats& stats)
   ir.begin_edit();
   bool changed = false;
   try {
-    const std::string& op = node.op_type();
-    changed = fold_identity_of_constant(ir, node, stats) || fold_constant_node(ir, node, options, stats) ||
-              inline_constant_if(ir, node, stats);
+    // Compared as a view: each test is a length check before any bytes,
+    // and this runs for every node of every round.
+    const std::string_view op = node.op_type();
+    changed = (op == "Identity" && fold_identity_of_constant(ir, node, stats)) ||
+              fold_constant_node(ir, node, options, stats) || (op == "If" && inline_constant_if(ir, node, stats));
     if (!changed && options.fusions) {
       if (op == "BatchNormalization") changed = fuse_batchnorm_into_conv(ir, node, stats);
       else if (op == "Conv" || op == "MaxPool" || op == "AveragePool")

@@ -1,13 +1,13 @@
 #include "reduce/driver.h"
 
 #include <algorithm>
-#include <chrono>
 #include <deque>
 #include <unordered_map>
 #include <unordered_set>
 
 #include "host/log.h"
 #include "host/shape_infer.h"
+#include "host/tick_clock.h"
 #include "layout/broadcast_rank.h"
 #include "reduce/subgraphs.h"
 
@@ -143,18 +143,23 @@ std::string fault_text(const Row& row, const NodeList& nodes, const std::string&
 
 class Matcher {
  public:
-  Matcher(IR& ir, const Row& row, QuantTable* qt, DriverStats& stats, bool strict, double* seconds = nullptr)
-      : ir_(ir), row_(row), qt_(qt), stats_(stats), strict_(strict), seconds_(seconds) {}
+  Matcher(IR& ir, const Row& row, QuantTable* qt, DriverStats& stats, bool strict, uint64_t* ticks = nullptr)
+      : ir_(ir), row_(row), qt_(qt), stats_(stats), strict_(strict), ticks_(ticks) {}
 
   // Offers the row's matches anchored at `anchor` to its procedure until one
   // applies. Returns the applied result, or an empty one.
-  RuleResult run(const NodePtr& anchor) {
-    NodeList nodes{anchor};
+  // `scratch`, when given, holds the match as it grows: a driver asking
+  // millions of times reuses one list instead of making one per anchor.
+  RuleResult run(const NodePtr& anchor, NodeList* scratch = nullptr) {
+    NodeList local;
+    NodeList& nodes = scratch ? *scratch : local;
+    nodes.assign(1, anchor);
     if (row_.n_pre_nodes.empty()) {
       chain(nodes);
     } else {
       pattern(anchor);
     }
+    nodes.clear();
     return std::move(result_);
   }
 
@@ -166,15 +171,14 @@ class Matcher {
     ++tries_;
     ++stats_.attempts;
     ir_.begin_edit();
-    const auto t0 = std::chrono::steady_clock::now();
     // The procedure's own time, whichever way it ends.
     struct Clock {
-      double* into;
-      std::chrono::steady_clock::time_point t0;
+      uint64_t* into;
+      uint64_t t0;
       ~Clock() {
-        if (into) *into += std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+        if (into) *into += TickClock::now() - t0;
       }
-    } clock{seconds_, t0};
+    } clock{ticks_, ticks_ ? TickClock::now() : 0};
     try {
       result_ = row_.proc(ir_, nodes, qt_);
     } catch (const RuleError&) {
@@ -202,14 +206,23 @@ class Matcher {
     // A copy: pushing onto `nodes` below may move its elements.
     const NodePtr last = nodes.back();
     const std::string& want = row_.ops[nodes.size()];
-    for (const NodePtr& next : ir_.next_nodes(*last)) {
-      if (next->op_type() != want) continue;
-      if (std::find(nodes.begin(), nodes.end(), next) != nodes.end()) continue;
-      if (!row_.handles_branches && !inner_link_private(ir_, *last, *next)) continue;
+    auto extend = [&](const NodePtr& next) {
+      if (next->op_type() != want) return false;
+      if (std::find(nodes.begin(), nodes.end(), next) != nodes.end()) return false;
+      if (!row_.handles_branches && !inner_link_private(ir_, *last, *next)) return false;
       nodes.push_back(next);
       if (chain(nodes)) return true;
       nodes.pop_back();
+      return false;
+    };
+    // The usual link, one output read once, needs no list of readers.
+    const TensorInfo* only = last->output.size() == 1 ? ir_.port_tensor(*last, true, 0) : nullptr;
+    if (only && only->uses.size() == 1) {
+      Node* next = only->uses[0].first;
+      return next->op_type() == want && extend(next->shared_from_this());
     }
+    for (const NodePtr& next : ir_.next_nodes(*last))
+      if (extend(next)) return true;
     return false;
   }
 
@@ -298,7 +311,7 @@ class Matcher {
   QuantTable* qt_;
   DriverStats& stats_;
   bool strict_;
-  double* seconds_;
+  uint64_t* ticks_;
   RuleResult result_;
   int tries_ = 0;
 };
@@ -312,8 +325,8 @@ class Driver {
          const DriverOptions& opt, const std::vector<NodePtr>* refold = nullptr)
       : ir_(ir), qt_(qt), cvt_(first, opt), fuse_(second, opt), strict_(opt.strict),
         fold_(opt.fold ? &opt.fold_options : nullptr), refold_(refold) {
-    cvt_seconds_.assign(first.size(), 0.0);
-    fuse_seconds_.assign(second.size(), 0.0);
+    cvt_ticks_.assign(first.size(), 0);
+    fuse_ticks_.assign(second.size(), 0);
     budget_ = opt.max_rewrites > 0 ? opt.max_rewrites
                                    : 20 * static_cast<int64_t>(ir.node_count()) + 10000;
     // Which worklists a node of each op type belongs on: one that no row
@@ -350,12 +363,13 @@ class Driver {
     ir_.take_touched();
     ir_.take_released();
     ir_.set_journal(false);
-    auto add_times = [&](const TableIndex& t, const std::vector<double>& secs) {
-      for (size_t i = 0; i < secs.size(); ++i)
-        if (secs[i] > 0) stats_.rule_seconds[(*t.rows)[i].key] += secs[i];
+    const double per_tick = clock_.seconds_per_tick();
+    auto add_times = [&](const TableIndex& t, const std::vector<uint64_t>& ticks) {
+      for (size_t i = 0; i < ticks.size(); ++i)
+        if (ticks[i] > 0) stats_.rule_seconds[(*t.rows)[i].key] += per_tick * static_cast<double>(ticks[i]);
     };
-    add_times(cvt_, cvt_seconds_);
-    add_times(fuse_, fuse_seconds_);
+    add_times(cvt_, cvt_ticks_);
+    add_times(fuse_, fuse_ticks_);
     return stats_;
   }
 
@@ -455,8 +469,8 @@ class Driver {
         if (*fired >= kLimitFiresPerAnchor) continue;
       }
       const size_t faults_before = stats_.rule_faults.size();
-      double* secs = &(&table == &fuse_ ? fuse_seconds_ : cvt_seconds_)[r];
-      RuleResult res = Matcher(ir_, row, qt_, stats_, strict_, secs).run(n);
+      uint64_t* ticks = &(&table == &fuse_ ? fuse_ticks_ : cvt_ticks_)[r];
+      RuleResult res = Matcher(ir_, row, qt_, stats_, strict_, ticks).run(n, &match_);
       if (res.applied() && !commit(row, res)) res = {};
       if (stats_.rule_faults.size() != faults_before) faulted_.insert(row_at);
       if (!res.applied()) continue;
@@ -540,7 +554,9 @@ class Driver {
   std::unordered_map<std::string, uint8_t> lists_of_op_;
   PauseIndex pauses_;
   DriverStats stats_;
-  std::vector<double> cvt_seconds_, fuse_seconds_;  // by row position
+  std::vector<uint64_t> cvt_ticks_, fuse_ticks_;  // by row position
+  TickClock clock_;  // started with the driver: converts the ticks to seconds
+  NodeList match_;   // the nodes of the match being tried, reused across anchors
   int64_t budget_;
   bool strict_;
   const FoldOptions* fold_;
