@@ -61,6 +61,10 @@ std::optional<size_t> norm_axis(int64_t axis, size_t rank) {
 RuleResult _p_absorb_gather_into_attention_conv(IR& ir, const NodeList& nodes, QuantTable* /*quant_tab*/) {
   if (nodes.empty()) return no_match();
   const NodePtr& conv = nodes[0];
+  // A first look without building reader lists: this row is asked at every
+  // Conv each time a neighbour changes.
+  const TensorInfo* conv_out = conv->output.size() == 1 ? ir.port_tensor(*conv, true, 0) : nullptr;
+  if (!conv_out || conv_out->uses.empty() || conv_out->uses[0].first->op_type() != "Reshape") return no_match();
   // Conv, Reshape and Split in a single line.
   NodePtr cur_node = conv;
   NodeList line;

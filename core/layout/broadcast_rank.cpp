@@ -61,7 +61,8 @@ int64_t make_broadcast_ranks_explicit(IR& ir) {
       const TensorInfo* ti = n.input_info(i);
       if (!ti || !ti->constant || ti->graph_input) continue;
       const std::string& t = n.input[i];
-      const size_t own = ir.get_const(t)->ndim();
+      // A constant's record holds its shape; the value itself is not needed.
+      const size_t own = ti->has_shape ? ti->shape.size() : ir.get_const(t)->ndim();
       if (own == 0 || own >= rank) continue;
       auto at = group_of.emplace(std::make_pair(t, rank), groups.size());
       if (at.second) groups.push_back(Group{t, rank, {}});

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <deque>
+#include <string_view>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -646,17 +647,28 @@ int64_t prune_dead(IR& ir) {
 
 int64_t make_reshape_shapes_explicit(IR& ir) {
   int64_t changed = 0;
+  // Whether a target holds a 0, by its index entry: a model's Reshapes share
+  // a few target constants, and each is read once, not once per Reshape.
+  std::unordered_map<const TensorInfo*, bool> copies_a_dim;
   for (Node* n : ir.node_order()) {
-    if (n->op_type() != "Reshape" || n->input.size() < 2 || n->output.empty()) continue;
+    if (std::string_view(n->op_type()) != "Reshape" || n->input.size() < 2 || n->output.empty()) continue;
     // The node's own port records answer the cheap questions first.
     const TensorInfo* target_ti = n->input_info(1);
     const TensorInfo* out_ti = n->output_info(0);
     if (!target_ti || !target_ti->constant || !out_ti || !out_ti->has_shape) continue;
+    auto known = copies_a_dim.find(target_ti);
+    if (known == copies_a_dim.end()) {
+      const NDArray* target = ir.get_const(n->input[1]);
+      bool zero = false;
+      if (target) {
+        const std::vector<int64_t> dims = target->to_i64();
+        zero = std::find(dims.begin(), dims.end(), 0) != dims.end();
+      }
+      known = copies_a_dim.emplace(target_ti, zero).first;
+    }
+    if (!known->second) continue;
     if (IR::get_attr_int(*n, "allowzero").value_or(0) != 0) continue;
-    const NDArray* target = ir.get_const(n->input[1]);
-    if (!target) continue;
-    const std::vector<int64_t> dims = target->to_i64();
-    if (std::find(dims.begin(), dims.end(), 0) == dims.end()) continue;
+    const std::vector<int64_t> dims = ir.get_const(n->input[1])->to_i64();
     const Shape out = out_ti->shape;
     if (out.size() != dims.size()) continue;
     const std::string name = ir.unique_tensor_name(n->input[1] + "_explicit");
