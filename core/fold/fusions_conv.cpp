@@ -131,7 +131,7 @@ int per_channel_side(const IR& ir, const Node& n, const std::string& op, NodePtr
 // The name of a constant holding `value`: `original` itself when the fusion
 // left its values bit for bit as they were (a factor of 1, a bias plus 0),
 // so that a weight many convolutions share is not copied once for each.
-std::string constant_for(IR& ir, NDArray value, const std::string& original, const std::string& stem,
+std::string constant_holding(IR& ir, NDArray value, const std::string& original, const std::string& stem,
                          const std::string& suffix) {
   if (!original.empty()) {
     const NDArray* before = ir.get_const(original);
@@ -299,7 +299,7 @@ bool fuse_add_into_conv_bias(IR& ir, Node& add, FoldStats& stats) {
   const NDArray* bias = conv_bias(ir, *conv, channels, dtype, zeros);
   if (!bias || bias->dtype() != dtype || bias->size() != channels) return false;
   const std::string b_name =
-      constant_for(ir, from_xarray<double>(to_xarray<double>(*bias) + k, dtype), bias_input(*conv), conv->name(), "_bias");
+      constant_holding(ir, from_xarray<double>(to_xarray<double>(*bias) + k, dtype), bias_input(*conv), conv->name(), "_bias");
   replace_nodes(ir, {conv, add.shared_from_this()}, conv_with(*conv, conv->input[0], conv->input[1], b_name, add.output[0]));
   ++stats.fusions["add_into_conv_bias"];
   return true;
@@ -324,10 +324,10 @@ bool fuse_mul_into_conv(IR& ir, Node& mul, FoldStats& stats) {
   NDArray zeros;
   const NDArray* bias = conv_bias(ir, *conv, channels, dtype, zeros);
   if (!bias || bias->dtype() != dtype || bias->size() != channels) return false;
-  const std::string w_name = constant_for(ir, from_xarray<double>(scaled_per_output_channel(*w, s, transposed, group), dtype),
+  const std::string w_name = constant_holding(ir, from_xarray<double>(scaled_per_output_channel(*w, s, transposed, group), dtype),
                                           conv->input[1], conv->input[1], "_scaled");
   const std::string b_name =
-      constant_for(ir, from_xarray<double>(to_xarray<double>(*bias) * s, dtype), bias_input(*conv), conv->name(), "_scaled_bias");
+      constant_holding(ir, from_xarray<double>(to_xarray<double>(*bias) * s, dtype), bias_input(*conv), conv->name(), "_scaled_bias");
   replace_nodes(ir, {conv, mul.shared_from_this()}, conv_with(*conv, conv->input[0], w_name, b_name, mul.output[0]));
   ++stats.fusions["mul_into_conv"];
   return true;
@@ -366,7 +366,7 @@ bool fuse_input_mul_into_conv(IR& ir, Node& conv, FoldStats& stats) {
     along_inputs[1] = static_cast<size_t>(aligned[1]);
     kv.reshape(along_inputs);
     const std::string w_name =
-        constant_for(ir, from_xarray<double>(to_xarray<double>(*w) * kv, w->dtype()), conv.input[1], conv.input[1], "_scaled");
+        constant_holding(ir, from_xarray<double>(to_xarray<double>(*w) * kv, w->dtype()), conv.input[1], conv.input[1], "_scaled");
     NodePtr fresh = conv.clone();
     fresh->input.set(0, x);
     fresh->input.set(1, w_name);
