@@ -382,6 +382,17 @@ TEST(HelperNames, JoinAvoidsTakenNames) {
   // Names handed out but not yet in the graph are avoided as well.
   EXPECT_EQ(oper_name_join(t.ir, "s", "_mr", std::vector<std::string>{"s_mr", "s_mr_1"}),
             "s_mr_2");
+  // A stem named again and again resumes after its last suffix; a name
+  // planted ahead is skipped, and one freed later is not handed out again.
+  t.const_i64("w_scaled_4", {1});
+  std::vector<std::string> got;
+  for (int k = 0; k < 4; ++k) {
+    got.push_back(oper_name_join(t.ir, "w", "_scaled"));
+    t.const_i64(got.back(), {1});
+    if (k == 1) t.ir.erase_const("w_scaled_1");
+  }
+  EXPECT_EQ(got, (std::vector<std::string>{"w_scaled", "w_scaled_1", "w_scaled_2", "w_scaled_3"}));
+  EXPECT_EQ(oper_name_join(t.ir, "w", "_scaled"), "w_scaled_5");
   EXPECT_EQ(node_name_join(t.ir, "relu", "_fuse"), "relu_fuse_1");
   EXPECT_EQ(node_name_join(t.ir, "conv", "output", 0), "convoutput0");
   EXPECT_EQ(to_np_type(dt::FLOAT16), dt::FLOAT16);
