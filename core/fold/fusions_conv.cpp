@@ -132,7 +132,7 @@ int per_channel_side(const IR& ir, const Node& n, const std::string& op, NodePtr
 // left its values bit for bit as they were (a factor of 1, a bias plus 0),
 // so that a weight many convolutions share is not copied once for each.
 std::string constant_holding(IR& ir, NDArray value, const std::string& original, const std::string& stem,
-                         const std::string& suffix) {
+                             const std::string& suffix) {
   if (!original.empty()) {
     const NDArray* before = ir.get_const(original);
     if (before && *before == value) return original;
@@ -324,8 +324,9 @@ bool fuse_mul_into_conv(IR& ir, Node& mul, FoldStats& stats) {
   NDArray zeros;
   const NDArray* bias = conv_bias(ir, *conv, channels, dtype, zeros);
   if (!bias || bias->dtype() != dtype || bias->size() != channels) return false;
-  const std::string w_name = constant_holding(ir, from_xarray<double>(scaled_per_output_channel(*w, s, transposed, group), dtype),
-                                          conv->input[1], conv->input[1], "_scaled");
+  const std::string w_name =
+      constant_holding(ir, from_xarray<double>(scaled_per_output_channel(*w, s, transposed, group), dtype),
+                       conv->input[1], conv->input[1], "_scaled");
   const std::string b_name =
       constant_holding(ir, from_xarray<double>(to_xarray<double>(*bias) * s, dtype), bias_input(*conv), conv->name(), "_scaled_bias");
   replace_nodes(ir, {conv, mul.shared_from_this()}, conv_with(*conv, conv->input[0], w_name, b_name, mul.output[0]));
