@@ -7,6 +7,7 @@
 // node's outputs, so a graph output keeps its name and a producer; the
 // tensor between them must have no other reader. New weights and biases are
 // new constants: a weight shared with another node is never changed for it.
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -69,25 +70,36 @@ bool non_negative(const IR& ir, const std::string& t) {
 }
 
 // The weight of a convolution with each output channel's kernel multiplied
-// by that channel's factor in `s` (`channels` values).
-xt::xarray<double> scaled_per_output_channel(const NDArray& w, xt::xarray<double> s, bool transposed, int64_t group) {
-  xt::xarray<double> wd = to_xarray<double>(w);
-  const std::vector<size_t> wshape(wd.shape().begin(), wd.shape().end());
+// by that channel's factor in `s` (one per output channel), in the weight's
+// own layout and type. Plain loops: this runs once per fused convolution,
+// and a model may have tens of thousands of them.
+NDArray scaled_per_output_channel(const NDArray& w, const std::vector<double>& s, bool transposed, int64_t group) {
+  std::vector<double> wd = w.to_f64();
   const size_t channels = s.size();
   if (!transposed) {
     // Output channels lead the weight: one factor per row.
-    wd.reshape({channels, wd.size() / channels});
-    s.reshape({channels, 1});
+    const size_t row = wd.size() / channels;
+    for (size_t c = 0; c < channels; ++c)
+      for (size_t j = 0; j < row; ++j) wd[c * row + j] *= s[c];
   } else {
     // [C_in, M / group, k...]: channel g * (M / group) + j sits at group g, column j.
     const size_t g = static_cast<size_t>(group), per = channels / g;
-    const size_t cin = wshape[0] / g;
-    wd.reshape({g, cin, per, wd.size() / (g * cin * per)});
-    s.reshape({g, 1, per, 1});
+    const size_t cin = static_cast<size_t>(w.shape()[0]) / g;
+    const size_t inner = wd.size() / (g * cin * per);
+    size_t at = 0;
+    for (size_t gi = 0; gi < g; ++gi)
+      for (size_t ci = 0; ci < cin; ++ci)
+        for (size_t j = 0; j < per; ++j)
+          for (size_t q = 0; q < inner; ++q) wd[at++] *= s[gi * per + j];
   }
-  wd *= s;
-  wd.reshape(wshape);
-  return wd;
+  return NDArray::from_f64(wd, w.shape(), w.dtype());
+}
+
+// `a` plus (or times) `b`, element by element, in the type and shape of `a`.
+NDArray combined(const NDArray& a, const std::vector<double>& b, bool multiply) {
+  std::vector<double> v = a.to_f64();
+  for (size_t i = 0; i < v.size(); ++i) v[i] = multiply ? v[i] * b[i] : v[i] + b[i];
+  return NDArray::from_f64(v, a.shape(), a.dtype());
 }
 
 // Operand `i` of the binary node `n` comes from a convolution read by `n`
@@ -96,7 +108,7 @@ xt::xarray<double> scaled_per_output_channel(const NDArray& w, xt::xarray<double
 // convolution's shape. Sets the convolution, its channel count, and the
 // constant spread over the channels.
 bool per_channel_operand(const IR& ir, const Node& n, size_t i, NodePtr& conv, int64_t& channels,
-                         xt::xarray<double>& values) {
+                         std::vector<double>& values) {
   const std::string& y = n.input[i];
   const NDArray* k = ir.get_const(n.input[1 - i]);
   conv = ir.producer(y);
@@ -112,16 +124,15 @@ bool per_channel_operand(const IR& ir, const Node& n, size_t i, NodePtr& conv, i
   for (size_t a = 0; a < aligned.size(); ++a)
     if (a != 1 && aligned[a] != 1) return false;
   channels = out[1];
-  xt::xarray<double> kv = to_xarray<double>(*k);
-  kv.reshape({static_cast<size_t>(aligned[1])});
-  values = xt::broadcast(kv, std::vector<size_t>{static_cast<size_t>(channels)});
+  values = k->to_f64();
+  if (values.size() != static_cast<size_t>(channels)) values.assign(static_cast<size_t>(channels), values[0]);
   return true;
 }
 
 // The operand of the binary node `n` that a convolution feeds as
 // per_channel_operand describes (0 or 1), or -1 when neither does.
 int per_channel_side(const IR& ir, const Node& n, const std::string& op, NodePtr& conv, int64_t& channels,
-                     xt::xarray<double>& values) {
+                     std::vector<double>& values) {
   if (n.op_type() != op || !in_default_domain(n) || n.input.size() != 2 || n.output.size() != 1) return -1;
   for (int i = 0; i < 2; ++i)
     if (per_channel_operand(ir, n, static_cast<size_t>(i), conv, channels, values)) return i;
@@ -177,10 +188,9 @@ bool fuse_batchnorm_into_conv(IR& ir, Node& bn, FoldStats& stats) {
   xt::xarray<double> s = scale / xt::sqrt(var + eps);
   if (!xt::all(xt::isfinite(s))) return false;
   const xt::xarray<double> b = (to_xarray<double>(*bias) - mean) * s + shift;
-  const xt::xarray<double> wd = scaled_per_output_channel(*w, s, transposed, group);
 
   const std::string w_name = oper_name_join(ir, conv->input[1], "_bn");
-  ir.set_const(w_name, from_xarray<double>(wd, w->dtype()));
+  ir.set_const(w_name, scaled_per_output_channel(*w, std::vector<double>(s.begin(), s.end()), transposed, group));
   const std::string b_name = oper_name_join(ir, conv->name(), "_bn_bias");
   ir.set_const(b_name, from_xarray<double>(b, w->dtype()));
   replace_nodes(ir, {conv, bn.shared_from_this()}, conv_with(*conv, conv->input[0], w_name, b_name, bn.output[0]));
@@ -291,7 +301,7 @@ bool fuse_pad_into_conv_or_pool(IR& ir, Node& consumer, FoldStats& stats) {
 bool fuse_add_into_conv_bias(IR& ir, Node& add, FoldStats& stats) {
   NodePtr conv;
   int64_t channels = 0;
-  xt::xarray<double> k;
+  std::vector<double> k;
   const int i = per_channel_side(ir, add, "Add", conv, channels, k);
   if (i < 0) return false;
   const int32_t dtype = ir.get_dtype(add.input[static_cast<size_t>(i)]);
@@ -299,7 +309,7 @@ bool fuse_add_into_conv_bias(IR& ir, Node& add, FoldStats& stats) {
   const NDArray* bias = conv_bias(ir, *conv, channels, dtype, zeros);
   if (!bias || bias->dtype() != dtype || bias->size() != channels) return false;
   const std::string b_name =
-      constant_holding(ir, from_xarray<double>(to_xarray<double>(*bias) + k, dtype), bias_input(*conv), conv->name(), "_bias");
+      constant_holding(ir, combined(*bias, k, false), bias_input(*conv), conv->name(), "_bias");
   replace_nodes(ir, {conv, add.shared_from_this()}, conv_with(*conv, conv->input[0], conv->input[1], b_name, add.output[0]));
   ++stats.fusions["add_into_conv_bias"];
   return true;
@@ -308,12 +318,12 @@ bool fuse_add_into_conv_bias(IR& ir, Node& add, FoldStats& stats) {
 bool fuse_mul_into_conv(IR& ir, Node& mul, FoldStats& stats) {
   NodePtr conv;
   int64_t channels = 0;
-  xt::xarray<double> s;
+  std::vector<double> s;
   const int i = per_channel_side(ir, mul, "Mul", conv, channels, s);
   if (i < 0) return false;
   // (W * x + b) * s = (W * s) * x + b * s for finite factors; an infinite
   // one would turn the zeros of a kernel into NaN.
-  if (!xt::all(xt::isfinite(s))) return false;
+  if (!std::all_of(s.begin(), s.end(), [](double v) { return std::isfinite(v); })) return false;
   const NDArray* w = ir.get_const(conv->input[1]);
   const int32_t dtype = ir.get_dtype(mul.input[static_cast<size_t>(i)]);
   if (!w || w->dtype() != dtype || w->ndim() < 3) return false;
@@ -325,10 +335,9 @@ bool fuse_mul_into_conv(IR& ir, Node& mul, FoldStats& stats) {
   const NDArray* bias = conv_bias(ir, *conv, channels, dtype, zeros);
   if (!bias || bias->dtype() != dtype || bias->size() != channels) return false;
   const std::string w_name =
-      constant_holding(ir, from_xarray<double>(scaled_per_output_channel(*w, s, transposed, group), dtype),
-                       conv->input[1], conv->input[1], "_scaled");
+      constant_holding(ir, scaled_per_output_channel(*w, s, transposed, group), conv->input[1], conv->input[1], "_scaled");
   const std::string b_name =
-      constant_holding(ir, from_xarray<double>(to_xarray<double>(*bias) * s, dtype), bias_input(*conv), conv->name(), "_scaled_bias");
+      constant_holding(ir, combined(*bias, s, true), bias_input(*conv), conv->name(), "_scaled_bias");
   replace_nodes(ir, {conv, mul.shared_from_this()}, conv_with(*conv, conv->input[0], w_name, b_name, mul.output[0]));
   ++stats.fusions["mul_into_conv"];
   return true;

@@ -2,8 +2,9 @@
 #include "layout/broadcast_rank.h"
 
 #include <algorithm>
-#include <map>
+#include <functional>
 #include <string>
+#include <utility>
 #include <unordered_map>
 
 #include "host/edit.h"
@@ -40,7 +41,14 @@ int64_t make_broadcast_ranks_explicit(IR& ir) {
     std::vector<InputSlot> slots;
   };
   std::vector<Group> groups;
-  std::map<std::pair<std::string, size_t>, size_t> group_of;
+  // Keyed by the constant's index entry and the rank: no name copied or
+  // compared per slot, and a model may have a slot like this per node.
+  struct KeyHash {
+    size_t operator()(const std::pair<const TensorInfo*, size_t>& k) const {
+      return std::hash<const void*>()(k.first) ^ (k.second * 0x9e3779b97f4a7c15ull);
+    }
+  };
+  std::unordered_map<std::pair<const TensorInfo*, size_t>, size_t, KeyHash> group_of;
   for (Node* np : ir.node_order()) {
     Node& n = *np;
     if (!n.domain.empty() && n.domain != "ai.onnx") continue;
@@ -64,7 +72,7 @@ int64_t make_broadcast_ranks_explicit(IR& ir) {
       // A constant's record holds its shape; the value itself is not needed.
       const size_t own = ti->has_shape ? ti->shape.size() : ir.get_const(t)->ndim();
       if (own == 0 || own >= rank) continue;
-      auto at = group_of.emplace(std::make_pair(t, rank), groups.size());
+      auto at = group_of.emplace(std::make_pair(ti, rank), groups.size());
       if (at.second) groups.push_back(Group{t, rank, {}});
       groups[at.first->second].slots.push_back(InputSlot{&n, i});
     }

@@ -153,6 +153,11 @@ FUSIONS = {
         {"W": w(3, 2, 3, 3), "s": np.float32(-0.7)},
         ["ConvTranspose"],
     ),
+    "grouped conv transpose with bias + per-channel mul": (
+        [("ConvTranspose", ["x", "W", "B"], ["c"], {"group": 3, "strides": [2, 2]}), ("Mul", ["c", "s"], ["y"])],
+        {"W": w(3, 2, 3, 3), "B": w(6), "s": w(6, 1, 1)},
+        ["ConvTranspose"],
+    ),
     "mul after a conv whose weight another conv reads": (
         [("Conv", ["x", "W"], ["c"]), ("Mul", ["c", "s"], ["m"]), ("Conv", ["x", "W"], ["d"]), ("Add", ["m", "d"], ["y"])],
         {"W": w(4, 3, 1, 1), "s": w(4, 1, 1)},
