@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <string_view>
 
 #include <xtensor/xarray.hpp>
 #include <xtensor/xbroadcast.hpp>
@@ -131,7 +132,7 @@ bool per_channel_operand(const IR& ir, const Node& n, size_t i, NodePtr& conv, i
 
 // The operand of the binary node `n` that a convolution feeds as
 // per_channel_operand describes (0 or 1), or -1 when neither does.
-int per_channel_side(const IR& ir, const Node& n, const std::string& op, NodePtr& conv, int64_t& channels,
+int per_channel_side(const IR& ir, const Node& n, std::string_view op, NodePtr& conv, int64_t& channels,
                      std::vector<double>& values) {
   if (n.op_type() != op || !in_default_domain(n) || n.input.size() != 2 || n.output.size() != 1) return -1;
   for (int i = 0; i < 2; ++i)

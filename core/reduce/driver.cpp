@@ -647,28 +647,26 @@ int64_t prune_dead(IR& ir) {
 
 int64_t make_reshape_shapes_explicit(IR& ir) {
   int64_t changed = 0;
-  // Whether a target holds a 0, by its index entry: a model's Reshapes share
-  // a few target constants, and each is read once, not once per Reshape.
-  std::unordered_map<const TensorInfo*, bool> copies_a_dim;
+  // A target's dimensions when it holds a 0 (empty otherwise), by its index
+  // entry: a model's Reshapes share a few target constants, and each is read
+  // once, not once per Reshape.
+  std::unordered_map<const TensorInfo*, std::vector<int64_t>> zero_targets;
   for (Node* n : ir.node_order()) {
     if (std::string_view(n->op_type()) != "Reshape" || n->input.size() < 2 || n->output.empty()) continue;
     // The node's own port records answer the cheap questions first.
     const TensorInfo* target_ti = n->input_info(1);
     const TensorInfo* out_ti = n->output_info(0);
     if (!target_ti || !target_ti->constant || !out_ti || !out_ti->has_shape) continue;
-    auto known = copies_a_dim.find(target_ti);
-    if (known == copies_a_dim.end()) {
+    auto known = zero_targets.find(target_ti);
+    if (known == zero_targets.end()) {
       const NDArray* target = ir.get_const(n->input[1]);
-      bool zero = false;
-      if (target) {
-        const std::vector<int64_t> dims = target->to_i64();
-        zero = std::find(dims.begin(), dims.end(), 0) != dims.end();
-      }
-      known = copies_a_dim.emplace(target_ti, zero).first;
+      std::vector<int64_t> dims = target ? target->to_i64() : std::vector<int64_t>{};
+      if (std::find(dims.begin(), dims.end(), 0) == dims.end()) dims.clear();
+      known = zero_targets.emplace(target_ti, std::move(dims)).first;
     }
-    if (!known->second) continue;
+    const std::vector<int64_t>& dims = known->second;
+    if (dims.empty()) continue;
     if (IR::get_attr_int(*n, "allowzero").value_or(0) != 0) continue;
-    const std::vector<int64_t> dims = ir.get_const(n->input[1])->to_i64();
     const Shape out = out_ti->shape;
     if (out.size() != dims.size()) continue;
     const std::string name = ir.unique_tensor_name(n->input[1] + "_explicit");
