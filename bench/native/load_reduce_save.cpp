@@ -24,6 +24,15 @@ double cpu_now() {
   return static_cast<double>(ts.tv_sec) + 1e-9 * static_cast<double>(ts.tv_nsec);
 }
 
+// Resident memory of this process in MB: a large graph's cost is as much
+// in the pages it touches as in the instructions it runs.
+double rss_mb() {
+  std::ifstream statm("/proc/self/statm");
+  long pages = 0, resident = 0;
+  statm >> pages >> resident;
+  return static_cast<double>(resident) * 4096.0 / 1e6;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -45,12 +54,15 @@ int main(int argc, char** argv) {
     std::string again = m.SerializeAsString();
     const double serialise = cpu_now() - t0;
 
+    const double rss_base = rss_mb();
     t0 = cpu_now();
     auto ir = tolm::load_model(bytes);
     const double load = cpu_now() - t0;
+    const double rss_load = rss_mb();
     t0 = cpu_now();
     const tolm::DriverStats s = tolm::run_reduce(*ir, nullptr);
     const double reduce = cpu_now() - t0;
+    const double rss_reduce = rss_mb();
     t0 = cpu_now();
     const std::string out = tolm::save_model(*ir);
     const double save = cpu_now() - t0;
@@ -59,9 +71,10 @@ int main(int argc, char** argv) {
     const double teardown = cpu_now() - t0;
     std::printf(
         "parse %.3f serialise %.3f | load %.3f reduce %.3f save %.3f teardown %.3f | "
-        "(load+save)/(parse+serialise) %.2f | rewrites %lld\n",
+        "(load+save)/(parse+serialise) %.2f | rewrites %lld | MB resident: before load %.0f, "
+        "after load %.0f, after reduce %.0f\n",
         parse, serialise, load, reduce, save, teardown, (load + save) / (parse + serialise),
-        static_cast<long long>(s.rewrites));
+        static_cast<long long>(s.rewrites), rss_base, rss_load, rss_reduce);
   }
   return 0;
 }

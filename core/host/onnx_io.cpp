@@ -15,6 +15,7 @@
 #include <onnx/onnx_pb.h>
 
 #include "host/onnx_convert.h"
+#include "host/onnx_wire.h"
 #include "host/shape_infer.h"
 #include "host/validate.h"
 
@@ -400,10 +401,43 @@ void apply_type(IR& ir, const std::string& name, const onnx::TypeProto& type, bo
   else if (elem != dt::UNDEFINED) ir.set_dtype(name, elem);
 }
 
-std::string node_label(const onnx::GraphProto& g, int i) {
-  const auto& n = g.node(i);
-  if (!n.name().empty()) return n.name();
-  return n.op_type() + " node #" + std::to_string(i);
+std::string node_label(const wire::NodeTable& t, int i) {
+  const wire::NodeFields& n = t.nodes[static_cast<size_t>(i)];
+  if (!n.name.empty()) return std::string(n.name);
+  return std::string(n.op_type) + " node #" + std::to_string(i);
+}
+
+// The declared type of a value_info record the wire reader leaves to protobuf.
+bool value_info_fields(std::string_view bytes, wire::ValueInfoFields& out, std::vector<int64_t>& dims) {
+  onnx::ValueInfoProto vi;
+  if (!vi.ParseFromArray(bytes.data(), static_cast<int>(bytes.size()))) return false;
+  out = wire::ValueInfoFields{};
+  if (!wire::read_string_field(bytes, wire::kValueInfoName, out.name)) return false;
+  out.dims_at = static_cast<uint32_t>(dims.size());
+  if (!vi.type().has_tensor_type()) return true;
+  const auto& tt = vi.type().tensor_type();
+  out.tensor = true;
+  out.elem_type = tt.elem_type();
+  out.has_shape = tt.has_shape();
+  for (const auto& d : tt.shape().dim()) {
+    const int64_t v = d.has_dim_value() ? d.dim_value() : -1;
+    if (v < -1 && out.bad_dim == 0) out.bad_dim = v;
+    dims.push_back(v < 0 ? -1 : v);
+  }
+  out.rank = static_cast<uint32_t>(dims.size() - out.dims_at);
+  return true;
+}
+
+// Shape and element type of a value_info record, as apply_type takes them
+// from a TypeProto.
+void apply_fields(IR& ir, const std::string& name, const wire::ValueInfoFields& f, const std::vector<int64_t>& dims,
+                  bool with_shape) {
+  if (!f.tensor) return;
+  const int64_t* d = dims.data() + f.dims_at;
+  bool full = f.has_shape;
+  for (uint32_t k = 0; full && k < f.rank; ++k) full = d[k] >= 0;
+  if (with_shape && full) ir.set_shape(name, Shape(d, d + f.rank), false, f.elem_type);
+  else if (f.elem_type != dt::UNDEFINED) ir.set_dtype(name, f.elem_type);
 }
 
 // Dense array of a sparse initializer.
@@ -445,7 +479,7 @@ NDArray densify(const onnx::SparseTensorProto& sp) {
 
 // Throws LoadError naming a node on a cycle, if the node list has one.
 // `deps[i]` are the indices of the nodes whose outputs node i reads.
-void check_acyclic(const onnx::GraphProto& g, const std::vector<std::vector<int>>& deps) {
+void check_acyclic(const wire::NodeTable& g, const std::vector<std::vector<int>>& deps) {
   const size_t n = deps.size();
   std::vector<int> indeg(n, 0);
   std::vector<std::vector<int>> users(n);
@@ -488,17 +522,48 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
   if (bytes.size() > static_cast<size_t>(INT_MAX))
     throw LoadError("not an ONNX model: larger than 2 GB, the protobuf limit (a model this large keeps its "
                     "tensor data in an external file)");
+  const char* const corrupt = "not an ONNX model: the bytes do not parse as a ModelProto (truncated or corrupt)";
+  // The graph's bulk is read from the bytes where it lies; protobuf parses
+  // the rest, a few records.
+  wire::ModelBody body;
+  if (!wire::split_model(bytes, body)) throw LoadError(corrupt);
   google::protobuf::Arena arena;
   auto* model = google::protobuf::Arena::CreateMessage<onnx::ModelProto>(&arena);
-  if (!model->ParseFromString(bytes))
-    throw LoadError("not an ONNX model: the bytes do not parse as a ModelProto (truncated or corrupt)");
+  if (!model->ParseFromString(body.shell)) throw LoadError(corrupt);
   if (model->ir_version() <= 0) throw LoadError("not an ONNX model: no ir_version");
-  if (!model->has_graph()) throw LoadError("not an ONNX model: it has no graph");
+  if (!body.has_graph) throw LoadError("not an ONNX model: it has no graph");
   onnx::GraphProto& g = *model->mutable_graph();
+
+  wire::NodeTable table;
+  table.nodes.reserve(body.nodes.size());
+  table.ports.reserve(body.nodes.size() * 4);
+  for (std::string_view nb : body.nodes)
+    if (!wire::read_node(nb, table)) throw LoadError(corrupt);
+  std::vector<wire::ValueInfoFields> vis(body.value_info.size());
+  std::vector<int64_t> vi_dims;
+  vi_dims.reserve(body.value_info.size() * 4);
+  for (size_t k = 0; k < vis.size(); ++k)
+    if (!wire::read_value_info(body.value_info[k], vis[k], vi_dims) &&
+        !value_info_fields(body.value_info[k], vis[k], vi_dims))
+      throw LoadError(corrupt);
+  std::vector<std::string_view> init_name_list(body.initializers.size());
+  for (size_t k = 0; k < init_name_list.size(); ++k)
+    if (!wire::read_string_field(body.initializers[k], wire::kTensorName, init_name_list[k])) throw LoadError(corrupt);
+  std::vector<onnx::SparseTensorProto> sparse(body.sparse_initializers.size());
+  for (size_t k = 0; k < sparse.size(); ++k)
+    if (!sparse[k].ParseFromArray(body.sparse_initializers[k].data(),
+                                  static_cast<int>(body.sparse_initializers[k].size())))
+      throw LoadError(corrupt);
+
   validate_declared_shapes(g);
+  for (const auto& f : vis)
+    if (f.bad_dim != 0)
+      throw LoadError("value_info of tensor " + std::string(f.name) + " has the negative dimension " +
+                      std::to_string(f.bad_dim));
 
   auto irp = std::make_unique<IR>();
   IR& ir = *irp;
+  const int n_nodes = static_cast<int>(table.nodes.size());
 
   // ---- opset
   bool have_opset = false;
@@ -510,8 +575,8 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
   }
   if (!have_opset) {
     bool uses_default = false;
-    for (const auto& n : g.node())
-      if (is_default_domain(n.domain())) {
+    for (const auto& n : table.nodes)
+      if (n.domain.empty() || n.domain == "ai.onnx") {
         uses_default = true;
         break;
       }
@@ -524,11 +589,11 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
 
   // ---- names of initializers
   std::unordered_set<std::string_view> init_names;
-  init_names.reserve(static_cast<size_t>(g.initializer_size() + g.sparse_initializer_size()) * 2 + 1);
-  for (const auto& t : g.initializer())
-    if (!init_names.insert(t.name()).second)
-      throw LoadError("tensor " + t.name() + " has two producers: initializer, initializer");
-  for (const auto& t : g.sparse_initializer())
+  init_names.reserve((init_name_list.size() + sparse.size()) * 2 + 1);
+  for (std::string_view t : init_name_list)
+    if (!init_names.insert(t).second)
+      throw LoadError("tensor " + std::string(t) + " has two producers: initializer, initializer");
+  for (const auto& t : sparse)
     if (!init_names.insert(t.values().name()).second)
       throw LoadError("tensor " + t.values().name() + " has two producers: initializer, initializer");
 
@@ -584,17 +649,16 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
   const bool model_shapes = !overrides_conflict;
 
   // ---- value_info, outputs, inputs (the latter win)
-  ir.reserve(static_cast<size_t>(g.node_size()),
-             static_cast<size_t>(g.node_size()) + static_cast<size_t>(g.value_info_size()) +
-                 static_cast<size_t>(g.initializer_size()) + static_cast<size_t>(g.input_size()) +
-                 static_cast<size_t>(g.output_size()));
+  ir.reserve(table.nodes.size(), table.nodes.size() + vis.size() + init_name_list.size() +
+                                     static_cast<size_t>(g.input_size()) + static_cast<size_t>(g.output_size()));
   std::vector<std::string> value_info_names;
-  value_info_names.reserve(static_cast<size_t>(g.value_info_size()));
-  for (const auto& vi : g.value_info()) {
-    value_info_names.push_back(vi.name());
-    if (input_vi.count(vi.name())) continue;
-    apply_type(ir, vi.name(), vi.type(), model_shapes);
+  value_info_names.reserve(vis.size());
+  for (const auto& f : vis) {
+    value_info_names.emplace_back(f.name);
+    if (input_vi.count(value_info_names.back())) continue;
+    apply_fields(ir, value_info_names.back(), f, vi_dims, model_shapes);
   }
+  std::vector<int64_t>().swap(vi_dims);
   ir.set_value_info(std::move(value_info_names));
   for (const auto& vi : g.output()) {
     ir.add_graph_output(vi.name());
@@ -610,65 +674,65 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
     if (ov != input_shapes.end()) ir.set_shape(vi.name(), ov->second, false);
   }
 
-  // ---- initializers
+  // ---- initializers, one message at a time: a large model's data is not
+  // held twice while the rest loads.
   std::unique_ptr<ExternalDataReader> external;
   if (!options.external_data_dir.empty())
     external = std::make_unique<ExternalDataReader>(options.external_data_dir);
-  for (auto& tp : *g.mutable_initializer()) {
-    NDArray a;
-    const std::string why = tensor_from_proto(tp, a, external.get());
-    if (!why.empty()) throw LoadError("initializer " + tp.name() + ": " + why);
-    // The data lives on in the array: the message's copy goes now, so that a
-    // large model is not held twice while the rest loads.
-    tp.clear_raw_data();
-    ir.set_const(tp.name(), std::move(a));
-  }
-  for (const auto& sp : g.sparse_initializer()) ir.set_const(sp.values().name(), densify(sp));
-
-  // ---- implicit inputs of sub-graph nodes
-  const int n_nodes = g.node_size();
-  std::unordered_map<int, std::vector<std::string>> implicit;
-  for (int i = 0; i < n_nodes; ++i) {
-    const auto& n = g.node(i);
-    for (const auto& a : n.attribute()) {
-      if (a.has_g() || a.graphs_size() > 0) {
-        implicit[i] = implicit_inputs_of(n);
-        break;
-      }
+  {
+    onnx::TensorProto tp;
+    for (std::string_view tb : body.initializers) {
+      if (!tp.ParseFromArray(tb.data(), static_cast<int>(tb.size()))) throw LoadError(corrupt);
+      NDArray a;
+      const std::string why = tensor_from_proto(tp, a, external.get());
+      if (!why.empty()) throw LoadError("initializer " + tp.name() + ": " + why);
+      ir.set_const(tp.name(), std::move(a));
     }
   }
+  for (const auto& sp : sparse) ir.set_const(sp.values().name(), densify(sp));
+  std::vector<onnx::SparseTensorProto>().swap(sparse);
 
   // ---- nodes
   // Exporters often leave node names empty, yet rules keep some records by
   // node name: an unnamed node is named after its op type and a counter,
   // clear of every name the model already gives.
   int unnamed = 0;
-  for (int i = 0; i < n_nodes; ++i) unnamed += g.node(i).name().empty() ? 1 : 0;
-  FlatNameMap<bool> given_names(unnamed > 0 ? static_cast<size_t>(n_nodes) : 0);
+  for (const auto& n : table.nodes) unnamed += n.name.empty() ? 1 : 0;
+  FlatNameMap<bool> given_names(unnamed > 0 ? table.nodes.size() : 0);
   if (unnamed > 0)
-    for (int i = 0; i < n_nodes; ++i)
-      if (!g.node(i).name().empty()) given_names.emplace(g.node(i).name(), true);
-  std::unordered_map<std::string, int64_t> unnamed_next;
+    for (const auto& n : table.nodes)
+      if (!n.name.empty()) given_names.emplace(n.name, true);
+  std::unordered_map<std::string_view, int64_t> unnamed_next;
   std::deque<std::string> made_names;  // the views of given_names point here
-  auto name_for = [&](const onnx::NodeProto& np) {
-    if (!np.name().empty()) return np.name();
-    int64_t& k = unnamed_next[np.op_type()];
+  auto name_for = [&](const wire::NodeFields& n) {
+    if (!n.name.empty()) return std::string(n.name);
+    int64_t& k = unnamed_next[n.op_type];
     std::string cand;
     do {
-      cand = np.op_type() + "_" + std::to_string(k++);
+      cand = std::string(n.op_type) + "_" + std::to_string(k++);
     } while (given_names.contains(cand));
     given_names.emplace(made_names.emplace_back(cand), true);
     return cand;
   };
   IR::LoadInfo& info = ir.load_info;
-  // Op counts by a hash of views into the parsed model: a tree of strings
+  // Op counts by a hash of views into the model: a tree of strings
   // compared per node costs more than the node itself on a large model.
   std::unordered_map<std::string_view, int64_t> op_counts;
+  // Nodes of a form the wire reader leaves alone (Constant values, sub-graph
+  // and tensor attributes) are parsed by protobuf, each on its own.
+  onnx::NodeProto np;
+  auto parse_node = [&](int i) {
+    const std::string_view nb = body.nodes[static_cast<size_t>(i)];
+    if (!np.ParseFromArray(nb.data(), static_cast<int>(nb.size()))) throw LoadError(corrupt);
+  };
+  std::vector<Attr> attrs;
   for (int i = 0; i < n_nodes; ++i) {
-    const onnx::NodeProto& np = g.node(i);
-    ++op_counts[np.op_type()];
-    if (np.op_type() == "Constant" && is_default_domain(np.domain()) && np.output_size() == 1 &&
-        !np.output(0).empty() && !ir.is_output(np.output(0))) {
+    const wire::NodeFields& nf = table.nodes[static_cast<size_t>(i)];
+    ++op_counts[nf.op_type];
+    const bool default_domain = nf.domain.empty() || nf.domain == "ai.onnx";
+    if (nf.op_type == "Constant" && default_domain && nf.outputs == 1 && !table.output(nf, 0).empty() &&
+        !ir.is_output(std::string(table.output(nf, 0)))) {
+      parse_node(i);
       NDArray v;
       if (constant_value(np, v, external.get())) {
         ir.set_const(np.output(0), v);
@@ -676,15 +740,34 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
         continue;
       }
     }
-    std::vector<Attr> attrs;
-    attrs.reserve(static_cast<size_t>(np.attribute_size()));
-    for (const auto& ap : np.attribute()) attrs.push_back(attr_from_proto(ap));
-    NodePtr node = Node::make(np.op_type(), std::vector<std::string>(np.input().begin(), np.input().end()),
-                              std::vector<std::string>(np.output().begin(), np.output().end()), name_for(np),
-                              std::move(attrs), np.domain());
-    if (!np.doc_string().empty()) node->doc_string = np.doc_string();
-    auto im = implicit.find(i);
-    if (im != implicit.end()) node->implicit_inputs = std::move(im->second);
+    attrs.clear();
+    attrs.reserve(nf.attrs);
+    bool plain = true;
+    for (uint32_t k = 0; plain && k < nf.attrs; ++k) {
+      attrs.emplace_back();
+      plain = wire::read_plain_attr(table.attrs[nf.attrs_at + k], attrs.back());
+    }
+    std::vector<std::string> implicit_inputs;
+    if (!plain) {
+      parse_node(i);
+      attrs.clear();
+      bool subgraph = false;
+      for (const auto& ap : np.attribute()) {
+        attrs.push_back(attr_from_proto(ap));
+        subgraph |= ap.has_g() || ap.graphs_size() > 0;
+      }
+      if (subgraph) implicit_inputs = implicit_inputs_of(np);
+    }
+    std::vector<std::string> ins, outs;
+    ins.reserve(nf.inputs);
+    for (uint32_t k = 0; k < nf.inputs; ++k) ins.emplace_back(table.input(nf, k));
+    outs.reserve(nf.outputs);
+    for (uint32_t k = 0; k < nf.outputs; ++k) outs.emplace_back(table.output(nf, k));
+    NodePtr node = Node::make(std::string(nf.op_type), std::move(ins), std::move(outs), name_for(nf),
+                              std::move(attrs), std::string(nf.domain));
+    attrs = std::vector<Attr>();
+    if (!nf.doc_string.empty()) node->doc_string = std::string(nf.doc_string);
+    if (!implicit_inputs.empty()) node->implicit_inputs = std::move(implicit_inputs);
     ir.add_node(node, i);
   }
 
@@ -692,7 +775,7 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
 
   // ---- producers and order, read off the index just built (each node's
   // order key is its place in the file)
-  auto label_of = [&](const Node* n) { return node_label(g, static_cast<int>(n->order())); };
+  auto label_of = [&](const Node* n) { return node_label(table, static_cast<int>(n->order())); };
   bool sorted = true;
   ir.for_each_node([&](const NodePtr& np) {
     const Node& n = *np;
@@ -723,7 +806,7 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
       for (size_t k = 0; k < np->input.size(); ++k) add(np->input_info(k));
       for (size_t k = 0; k < np->implicit_inputs.size(); ++k) add(np->implicit_info(k));
     });
-    check_acyclic(g, deps);
+    check_acyclic(table, deps);
   } else {
     // A file whose nodes come in a valid order is taken at its word: no sort.
     ir.trust_insertion_order();
@@ -734,14 +817,8 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
     info.external_bytes = external->bytes;
   }
 
-  // ---- the shell: everything but the graph body
-  // The body moves into a message on the same arena, which goes with it:
-  // clearing a million node records one by one costs more than the swap.
-  auto* body = google::protobuf::Arena::CreateMessage<onnx::GraphProto>(&arena);
-  g.mutable_node()->UnsafeArenaSwap(body->mutable_node());
-  g.mutable_initializer()->UnsafeArenaSwap(body->mutable_initializer());
-  g.mutable_value_info()->UnsafeArenaSwap(body->mutable_value_info());
-  g.mutable_sparse_initializer()->UnsafeArenaSwap(body->mutable_sparse_initializer());
+  // ---- the shell: everything but the graph body (its graph inputs and
+  // outputs as checked above)
   model->SerializeToString(&ir.model_shell);
 
   if (options.infer_shapes) infer_missing(ir);
