@@ -19,6 +19,7 @@
 #include "fold/evaluate.h"
 #include "fold/steps.h"
 #include "host/edit.h"
+#include "host/shape_infer.h"
 #include "host/helpers.h"
 #include "host/xarray_bridge.h"
 
@@ -48,13 +49,18 @@ const NDArray* conv_bias(const IR& ir, const Node& conv, int64_t channels, int32
   return &zeros;
 }
 
-// A copy of `conv` reading `x`, `weight`, `bias` and producing `out`.
-NodePtr conv_with(const Node& conv, const std::string& x, const std::string& weight, const std::string& bias,
-                  const std::string& out) {
-  NodePtr fresh = conv.clone();
-  fresh->input.assign({x, weight, bias});
-  fresh->output.assign({out});
-  return fresh;
+// The convolution takes `weight`, `bias` and its follower's output, and the
+// follower goes: what a fresh convolution in the pair's place would compute
+// (same name, same place in the order, as the convolution runs first), with
+// no node built and none put in.
+void absorb_follower(IR& ir, Node& conv, std::string weight, std::string bias, Node& follower) {
+  const std::string out = follower.output[0];
+  ir.remove_node(follower);
+  if (conv.input.size() < 3) conv.input.resize(3);
+  conv.input.set(1, weight);
+  conv.input.set(2, bias);
+  conv.output.set(0, out);
+  if (!ir.has_shape(out)) infer_node(ir, conv, false);
 }
 
 // Producers whose outputs are never negative, for MaxPool's padding.
@@ -194,7 +200,7 @@ bool fuse_batchnorm_into_conv(IR& ir, Node& bn, FoldStats& stats) {
   ir.set_const(w_name, scaled_per_output_channel(*w, std::vector<double>(s.begin(), s.end()), transposed, group));
   const std::string b_name = oper_name_join(ir, conv->name(), "_bn_bias");
   ir.set_const(b_name, from_xarray<double>(b, w->dtype()));
-  replace_nodes(ir, {conv, bn.shared_from_this()}, conv_with(*conv, conv->input[0], w_name, b_name, bn.output[0]));
+  absorb_follower(ir, *conv, w_name, b_name, bn);
   ++stats.fusions["batchnorm_into_conv"];
   return true;
 }
@@ -311,7 +317,7 @@ bool fuse_add_into_conv_bias(IR& ir, Node& add, FoldStats& stats) {
   if (!bias || bias->dtype() != dtype || bias->size() != channels) return false;
   const std::string b_name =
       constant_holding(ir, combined(*bias, k, false), bias_input(*conv), conv->name(), "_bias");
-  replace_nodes(ir, {conv, add.shared_from_this()}, conv_with(*conv, conv->input[0], conv->input[1], b_name, add.output[0]));
+  absorb_follower(ir, *conv, conv->input[1], b_name, add);
   ++stats.fusions["add_into_conv_bias"];
   return true;
 }
@@ -339,7 +345,7 @@ bool fuse_mul_into_conv(IR& ir, Node& mul, FoldStats& stats) {
       constant_holding(ir, scaled_per_output_channel(*w, s, transposed, group), conv->input[1], conv->input[1], "_scaled");
   const std::string b_name =
       constant_holding(ir, combined(*bias, s, true), bias_input(*conv), conv->name(), "_scaled_bias");
-  replace_nodes(ir, {conv, mul.shared_from_this()}, conv_with(*conv, conv->input[0], w_name, b_name, mul.output[0]));
+  absorb_follower(ir, *conv, w_name, b_name, mul);
   ++stats.fusions["mul_into_conv"];
   return true;
 }
