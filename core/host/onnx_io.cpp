@@ -967,42 +967,71 @@ std::string save_model(const IR& ir, const SaveOptions& options) {
   // ---- nodes, and the constants they read
   // Every node holds its ports' index entries: no name lookups here.
   FlatNameMap<bool> used_consts(ir.consts().size());
+  std::vector<std::pair<const std::string*, const NDArray*>> init_types;
   auto note_use = [&](const TensorInfo* ti) {
     if (ti && ti->constant) used_consts.emplace(ti->name, true);
   };
-  g->mutable_node()->Reserve(static_cast<int>(nodes.size()));
+  // Node records are written straight as bytes: a message per node, port
+  // and attribute, built only to be serialized, costs more than the rest of
+  // the save.
+  std::string node_bytes, body, attr_bytes;
+  node_bytes.reserve(nodes.size() * 64);
+  onnx::AttributeProto ap;
   for (const auto& n : nodes) {
-    onnx::NodeProto* np = g->add_node();
-    np->mutable_input()->Reserve(static_cast<int>(n->input.size()));
+    body.clear();
     for (size_t i = 0; i < n->input.size(); ++i) {
-      np->add_input(n->input[i]);
+      wire::put_bytes_field(body, 1, n->input[i]);
       note_use(n->input_info(i));
     }
     for (size_t k = 0; k < n->implicit_inputs.size(); ++k) note_use(n->implicit_info(k));
-    np->mutable_output()->Reserve(static_cast<int>(n->output.size()));
-    for (const auto& t : n->output) np->add_output(t);
-    if (!n->name().empty()) np->set_name(n->name());
-    np->set_op_type(n->op_type());
-    if (!n->domain.empty()) np->set_domain(n->domain);
-    if (!n->doc_string.empty()) np->set_doc_string(n->doc_string);
-    np->mutable_attribute()->Reserve(static_cast<int>(n->attribute().size()));
-    for (const auto& a : n->attribute()) attr_to_proto(a, np->add_attribute());
+    for (const auto& t : n->output) wire::put_bytes_field(body, 2, t);
+    if (!n->name().empty()) wire::put_bytes_field(body, 3, n->name());
+    wire::put_bytes_field(body, 4, n->op_type());
+    for (const auto& a : n->attribute()) {
+      attr_bytes.clear();
+      if (!wire::write_plain_attr(a, attr_bytes)) {
+        ap.Clear();
+        attr_to_proto(a, &ap);
+        ap.SerializeToString(&attr_bytes);
+      }
+      wire::put_bytes_field(body, 5, attr_bytes);
+    }
+    if (!n->doc_string.empty()) wire::put_bytes_field(body, 6, n->doc_string);
+    if (!n->domain.empty()) wire::put_bytes_field(body, 7, n->domain);
+    wire::put_bytes_field(node_bytes, wire::kGraphNode, body);
   }
   for (const auto& t : ir.outputs()) note_use(ir.tensor(t));
 
   // ---- initializers, in const_order (every constant is listed there)
   FlatNameMap<bool> emitted(used_consts.size());
   ExternalDataWriter external(options);
-  g->mutable_initializer()->Reserve(static_cast<int>(used_consts.size()));
-  for (const auto& t : ir.const_order) {
-    if (!used_consts.contains(t) || emitted.contains(t)) continue;
-    const TensorInfo* ti = ir.tensor(t);
-    if (!ti || !ti->producers.empty()) continue;
-    const NDArray* a = ir.get_const(t);
-    if (!a) continue;
-    emitted.emplace(t, true);
-    if (external.wants(*a)) external.write(*a, t, g->add_initializer());
-    else tensor_to_proto(*a, t, g->add_initializer());
+  std::string init_bytes;
+  {
+    onnx::TensorProto tp;
+    for (const auto& t : ir.const_order) {
+      if (!used_consts.contains(t) || emitted.contains(t)) continue;
+      const TensorInfo* ti = ir.tensor(t);
+      if (!ti || !ti->producers.empty()) continue;
+      const NDArray* a = ir.get_const(t);
+      if (!a) continue;
+      emitted.emplace(t, true);
+      body.clear();
+      if (external.wants(*a)) {
+        tp.Clear();
+        external.write(*a, t, &tp);
+        tp.SerializeToString(&body);
+      } else if (a->dtype() == dt::STRING) {
+        tp.Clear();
+        tensor_to_proto(*a, t, &tp);
+        tp.SerializeToString(&body);
+      } else {
+        wire::write_raw_tensor(body, t, a->dtype(), a->shape().data(), a->shape().size(),
+                               std::string_view(reinterpret_cast<const char*>(a->raw().data()), a->raw().size()));
+      }
+      wire::put_bytes_field(init_bytes, wire::kGraphInitializer, body);
+      // An old model lists every initializer among the graph inputs too.
+      if (model->ir_version() < 4) init_types.push_back({&t, a});
+    }
   }
   external.finish();
 
@@ -1034,17 +1063,15 @@ std::string save_model(const IR& ir, const SaveOptions& options) {
       make_value_info(ir, name, out);
     }
   }
-  if (model->ir_version() < 4) {
-    // Before IR version 4 every initializer must also be a graph input.
-    for (const auto& tp : g->initializer()) {
-      if (!input_done.insert(tp.name()).second) continue;
-      onnx::ValueInfoProto* out = g->add_input();
-      out->set_name(tp.name());
-      auto* tt = out->mutable_type()->mutable_tensor_type();
-      tt->set_elem_type(tp.data_type());
-      auto* sh = tt->mutable_shape();
-      for (int64_t d : tp.dims()) sh->add_dim()->set_dim_value(d);
-    }
+  // Before IR version 4 every initializer must also be a graph input.
+  for (const auto& [name, a] : init_types) {
+    if (!input_done.insert(*name).second) continue;
+    onnx::ValueInfoProto* out = g->add_input();
+    out->set_name(*name);
+    auto* tt = out->mutable_type()->mutable_tensor_type();
+    tt->set_elem_type(a->dtype());
+    auto* sh = tt->mutable_shape();
+    for (int64_t d : a->shape()) sh->add_dim()->set_dim_value(d);
   }
 
   // ---- graph outputs
@@ -1065,28 +1092,20 @@ std::string save_model(const IR& ir, const SaveOptions& options) {
   }
 
   // ---- value_info: inner tensors with known shape and type, in node order
+  std::string vi_bytes;
   for (const auto& n : nodes) {
     for (size_t k = 0; k < n->output.size(); ++k) {
       const TensorInfo* ti = n->output_info(k);
       if (!ti || ti->graph_input || ti->graph_output || ti->constant) continue;
       if (!ti->has_shape || ti->dtype == dt::UNDEFINED) continue;
-      const std::string& t = ti->name;
       if (ti->producers.empty() || ti->producers.back() != n) continue;
-      onnx::ValueInfoProto* vi = g->add_value_info();
-      vi->set_name(t);
-      auto* tt = vi->mutable_type()->mutable_tensor_type();
-      tt->set_elem_type(ti->dtype);
-      auto* sh = tt->mutable_shape();
-      for (int64_t d : ti->shape) sh->add_dim()->set_dim_value(d);
+      wire::write_value_info_field(vi_bytes, ti->name, ti->dtype, ti->shape.data(), ti->shape.size());
     }
   }
 
-  if (model->ByteSizeLong() > static_cast<size_t>(kMaxModelBytes))
-    throw std::runtime_error(
-        "the model is larger than 2 GB, the protobuf limit: write its tensor data to an external file");
-  std::string out;
-  if (!model->SerializeToString(&out)) throw std::runtime_error("save_model: the model does not serialize");
-  return out;
+  std::string shell;
+  if (!model->SerializeToString(&shell)) throw std::runtime_error("save_model: the model does not serialize");
+  return wire::join_model(shell, node_bytes, init_bytes, vi_bytes, static_cast<size_t>(kMaxModelBytes));
 }
 
 // ============================================================ sub-graphs

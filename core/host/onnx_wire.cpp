@@ -1,6 +1,8 @@
 #include "host/onnx_wire.h"
 
 #include <cstring>
+#include <stdexcept>
+#include <utility>
 
 namespace tolm {
 namespace wire {
@@ -95,12 +97,13 @@ class Reader {
   const char* end_;
 };
 
-void put_varint(std::string& out, uint64_t v) {
+size_t varint_size(uint64_t v) {
+  size_t n = 1;
   while (v >= 0x80) {
-    out.push_back(static_cast<char>((v & 0x7f) | 0x80));
     v >>= 7;
+    ++n;
   }
-  out.push_back(static_cast<char>(v));
+  return n;
 }
 
 // Splits one GraphProto occurrence: the bulk lists into `out`, every other
@@ -134,6 +137,14 @@ bool split_graph(std::string_view bytes, ModelBody& out, std::string& rest) {
 }
 
 }  // namespace
+
+void put_varint(std::string& out, uint64_t v) {
+  while (v >= 0x80) {
+    out.push_back(static_cast<char>((v & 0x7f) | 0x80));
+    v >>= 7;
+  }
+  out.push_back(static_cast<char>(v));
+}
 
 bool split_model(std::string_view bytes, ModelBody& out) {
   Reader r(bytes);
@@ -444,6 +455,151 @@ bool read_string_field(std::string_view bytes, uint32_t wanted, std::string_view
     }
   }
   return true;
+}
+
+void put_varint_field(std::string& out, uint32_t field, uint64_t v) {
+  put_varint(out, (static_cast<uint64_t>(field) << 3) | kVarint);
+  put_varint(out, v);
+}
+
+void put_bytes_field(std::string& out, uint32_t field, std::string_view v) {
+  put_varint(out, (static_cast<uint64_t>(field) << 3) | kBytes);
+  put_varint(out, v.size());
+  out.append(v.data(), v.size());
+}
+
+namespace {
+
+void put_fixed32_field(std::string& out, uint32_t field, float v) {
+  put_varint(out, (static_cast<uint64_t>(field) << 3) | kFixed32);
+  char b[4];
+  std::memcpy(b, &v, 4);
+  out.append(b, 4);
+}
+
+}  // namespace
+
+bool write_plain_attr(const Attr& a, std::string& out) {
+  if (!a.opaque.empty()) return false;
+  switch (a.kind) {
+    case Attr::FLOAT:
+    case Attr::INT:
+    case Attr::STRING:
+    case Attr::FLOATS:
+    case Attr::INTS:
+    case Attr::STRINGS: break;
+    default: return false;
+  }
+  put_bytes_field(out, attr_field::kName, a.name);
+  switch (a.kind) {
+    case Attr::FLOAT: put_fixed32_field(out, attr_field::kF, a.f); break;
+    case Attr::INT: put_varint_field(out, attr_field::kI, static_cast<uint64_t>(a.i)); break;
+    case Attr::STRING: put_bytes_field(out, attr_field::kS, a.s); break;
+    case Attr::FLOATS:
+      for (float f : a.floats) put_fixed32_field(out, attr_field::kFloats, f);
+      break;
+    case Attr::INTS:
+      for (int64_t v : a.ints) put_varint_field(out, attr_field::kInts, static_cast<uint64_t>(v));
+      break;
+    default:
+      for (const auto& v : a.strings) put_bytes_field(out, attr_field::kStrings, v);
+      break;
+  }
+  put_varint_field(out, attr_field::kType, static_cast<uint64_t>(a.kind));
+  return true;
+}
+
+void write_value_info_field(std::string& out, std::string_view name, int32_t elem_type, const int64_t* dims,
+                            size_t rank) {
+  // Sizes from the inside out: Dimension, TensorShapeProto, Tensor,
+  // TypeProto, ValueInfoProto.
+  size_t shape = 0;
+  for (size_t k = 0; k < rank; ++k) {
+    const size_t dim = 1 + varint_size(static_cast<uint64_t>(dims[k]));
+    shape += 1 + varint_size(dim) + dim;
+  }
+  const size_t tensor = 1 + varint_size(static_cast<uint64_t>(static_cast<int64_t>(elem_type))) + 1 +
+                        varint_size(shape) + shape;
+  const size_t type = 1 + varint_size(tensor) + tensor;
+  const size_t vi = 1 + varint_size(name.size()) + name.size() + 1 + varint_size(type) + type;
+  put_varint(out, (static_cast<uint64_t>(kGraphValueInfo) << 3) | kBytes);
+  put_varint(out, vi);
+  put_bytes_field(out, 1, name);
+  put_varint(out, (2 << 3) | kBytes);  // ValueInfoProto.type
+  put_varint(out, type);
+  put_varint(out, (1 << 3) | kBytes);  // TypeProto.tensor_type
+  put_varint(out, tensor);
+  put_varint_field(out, 1, static_cast<uint64_t>(static_cast<int64_t>(elem_type)));  // elem_type
+  put_varint(out, (2 << 3) | kBytes);  // shape
+  put_varint(out, shape);
+  for (size_t k = 0; k < rank; ++k) {
+    put_varint(out, (1 << 3) | kBytes);  // dim
+    put_varint(out, 1 + varint_size(static_cast<uint64_t>(dims[k])));
+    put_varint_field(out, 1, static_cast<uint64_t>(dims[k]));  // dim_value
+  }
+}
+
+void write_raw_tensor(std::string& out, std::string_view name, int32_t data_type, const int64_t* dims, size_t rank,
+                      std::string_view raw) {
+  for (size_t k = 0; k < rank; ++k) put_varint_field(out, 1, static_cast<uint64_t>(dims[k]));  // dims
+  put_varint_field(out, 2, static_cast<uint64_t>(static_cast<int64_t>(data_type)));        // data_type
+  put_bytes_field(out, 8, name);                                                          // name
+  put_bytes_field(out, 9, raw);                                                           // raw_data
+}
+
+std::string join_model(std::string_view shell, std::string_view nodes, std::string_view initializers,
+                       std::string_view value_info, size_t limit) {
+  // The shell's graph, found first: the lists go in between its fields.
+  std::string_view graph;
+  {
+    Reader r(shell);
+    while (!r.at_end()) {
+      uint32_t field = 0, type = 0;
+      if (!r.tag(field, type)) throw std::runtime_error("save_model: model shell is corrupt");
+      if (field == model_field::kGraph && type == kBytes) {
+        if (!r.bytes(graph)) throw std::runtime_error("save_model: model shell is corrupt");
+      } else if (!r.skip(field, type)) {
+        throw std::runtime_error("save_model: model shell is corrupt");
+      }
+    }
+  }
+  const size_t graph_size = graph.size() + nodes.size() + initializers.size() + value_info.size();
+  const size_t total = shell.size() - graph.size() + graph_size + varint_size(graph_size) - varint_size(graph.size());
+  if (total > limit)
+    throw std::runtime_error(
+        "the model is larger than 2 GB, the protobuf limit: write its tensor data to an external file");
+  std::string out;
+  out.reserve(total);
+  Reader r(shell);
+  while (!r.at_end()) {
+    const char* start = r.pos();
+    uint32_t field = 0, type = 0;
+    r.tag(field, type);
+    if (field != model_field::kGraph || type != kBytes) {
+      r.skip(field, type);
+      out.append(start, static_cast<size_t>(r.pos() - start));
+      continue;
+    }
+    std::string_view g;
+    r.bytes(g);
+    put_varint(out, (static_cast<uint64_t>(model_field::kGraph) << 3) | kBytes);
+    put_varint(out, graph_size);
+    // Each list before the first field numbered above it, as protobuf orders them.
+    const std::pair<uint32_t, std::string_view> lists[] = {
+        {kGraphNode, nodes}, {kGraphInitializer, initializers}, {kGraphValueInfo, value_info}};
+    size_t next = 0;
+    Reader gr(g);
+    while (!gr.at_end()) {
+      const char* fs = gr.pos();
+      uint32_t f = 0, t = 0;
+      gr.tag(f, t);
+      while (next < 3 && lists[next].first < f) out.append(lists[next++].second);
+      gr.skip(f, t);
+      out.append(fs, static_cast<size_t>(gr.pos() - fs));
+    }
+    while (next < 3) out.append(lists[next++].second);
+  }
+  return out;
 }
 
 }  // namespace wire

@@ -87,5 +87,36 @@ bool read_string_field(std::string_view bytes, uint32_t field, std::string_view&
 constexpr uint32_t kTensorName = 8;     // TensorProto.name
 constexpr uint32_t kValueInfoName = 1;  // ValueInfoProto.name
 
+// ---- writing, as protobuf writes: fields in number order, lists unpacked,
+// lengths in the fewest bytes. A model written here reads back as the same
+// messages, and protobuf writing those again gives the same bytes.
+
+void put_varint(std::string& out, uint64_t v);
+void put_varint_field(std::string& out, uint32_t field, uint64_t v);
+void put_bytes_field(std::string& out, uint32_t field, std::string_view v);
+
+// An attribute of kind FLOAT, INT, STRING, FLOATS, INTS or STRINGS, held
+// decoded, as AttributeProto bytes; false (nothing written) for any other.
+bool write_plain_attr(const Attr& a, std::string& out);
+
+// A tensor-typed ValueInfoProto with every dimension known, as a
+// GraphProto.value_info field (tag included).
+void write_value_info_field(std::string& out, std::string_view name, int32_t elem_type, const int64_t* dims,
+                            size_t rank);
+
+// A TensorProto of raw data (tag and length not included).
+void write_raw_tensor(std::string& out, std::string_view name, int32_t data_type, const int64_t* dims, size_t rank,
+                      std::string_view raw);
+
+// Field numbers of GraphProto's lists.
+constexpr uint32_t kGraphNode = 1, kGraphInitializer = 5, kGraphValueInfo = 13;
+
+// The serialized model `shell` with the graph's node, initializer and
+// value_info fields (each a run of whole fields, tags included) put in at
+// their places in its graph. Throws std::runtime_error when the result
+// would pass `limit` bytes.
+std::string join_model(std::string_view shell, std::string_view nodes, std::string_view initializers,
+                       std::string_view value_info, size_t limit);
+
 }  // namespace wire
 }  // namespace tolm
