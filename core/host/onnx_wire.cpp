@@ -184,26 +184,29 @@ bool read_node(std::string_view bytes, NodeTable& table) {
   outputs.clear();
   std::string_view v;
   Reader r(bytes);
-  while (!r.at_end()) {
+  bool ok = true;
+  while (ok && !r.at_end()) {
     uint32_t field = 0, type = 0;
-    if (!r.tag(field, type)) break;
-    if (type != kBytes || field > node_field::kDomain) {
-      if (!r.skip(field, type)) break;
-      continue;
-    }
-    if (!r.bytes(v)) break;
-    switch (field) {
-      case node_field::kInput: table.ports.push_back(v); break;
-      case node_field::kOutput: outputs.push_back(v); break;
-      case node_field::kName: n.name = v; break;
-      case node_field::kOpType: n.op_type = v; break;
-      case node_field::kAttribute: table.attrs.push_back(v); break;
-      case node_field::kDocString: n.doc_string = v; break;
-      case node_field::kDomain: n.domain = v; break;
-      default: break;
+    if (!r.tag(field, type)) {
+      ok = false;
+    } else if (type != kBytes || field > node_field::kDomain) {
+      ok = r.skip(field, type);
+    } else if (!r.bytes(v)) {
+      ok = false;
+    } else {
+      switch (field) {
+        case node_field::kInput: table.ports.push_back(v); break;
+        case node_field::kOutput: outputs.push_back(v); break;
+        case node_field::kName: n.name = v; break;
+        case node_field::kOpType: n.op_type = v; break;
+        case node_field::kAttribute: table.attrs.push_back(v); break;
+        case node_field::kDocString: n.doc_string = v; break;
+        case node_field::kDomain: n.domain = v; break;
+        default: break;
+      }
     }
   }
-  if (!r.at_end()) {
+  if (!ok) {
     table.ports.resize(ports_at);
     table.attrs.resize(n.attrs_at);
     return false;

@@ -176,6 +176,14 @@ TEST(WireModel, BrokenBytesAndBrokenRecordsAreRefused) {
   // A node record whose inner length runs past its end.
   const std::string bad_node = model + bytes_field(7, bytes_field(1, tag(1, 2) + "\x09x"));
   EXPECT_NE(error(bad_node).find("do not parse"), std::string::npos);
+  // A node record that ends inside a group it opened.
+  const std::string open_group = model + bytes_field(7, bytes_field(1, bytes_field(3, "n") + tag(14, 3) + varint_field(13, 1)));
+  EXPECT_NE(error(open_group).find("do not parse"), std::string::npos);
+  // A group that is closed is an unknown field like any other.
+  const std::string closed_group =
+      model + bytes_field(7, bytes_field(1, bytes_field(1, "x") + tag(14, 3) + varint_field(13, 1) + tag(14, 4) +
+                                                bytes_field(2, "z") + bytes_field(4, "Neg") + bytes_field(3, "neg")));
+  EXPECT_EQ(error(closed_group), "");
   // A value_info dimension below -1.
   const std::string tensor = varint_field(1, TP::FLOAT) + bytes_field(2, bytes_field(1, varint_field(1, static_cast<uint64_t>(-4))));
   const std::string neg = model + bytes_field(7, bytes_field(13, bytes_field(1, "y") + bytes_field(2, bytes_field(1, tensor))));

@@ -120,6 +120,13 @@ class TestQueries:
         with pytest.raises(LoadError) as err:
             IRGraph(b"definitely not a model")
         assert isinstance(err.value, ValueError)
+        # A name in the message that is no valid UTF-8 shows escaped; it does
+        # not turn the error into a decoding one.
+        data = make_model([("Relu", ["x"], ["y"])], inputs={"x": [2]}, outputs={"y": [2]}).SerializeToString()
+        broken = data.replace(b"\x0a\x01x\x12\x01y", b"\x0a\x01\xff\x12\x01y", 1)
+        assert broken != data
+        with pytest.raises(LoadError, match=r"reads tensor \\xff"):
+            IRGraph(broken)
 
 
 class TestRewiring:
