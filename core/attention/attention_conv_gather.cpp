@@ -70,7 +70,7 @@ RuleResult _p_absorb_gather_into_attention_conv(IR& ir, const NodeList& nodes, Q
   NodeList line;
   for (const char* next_op_require : {"Reshape", "Split"}) {
     const NodeList n_nodes = ir.next_nodes(*cur_node);
-    if (n_nodes.size() != 1 || ir.is_output(cur_node->output[0])) return no_match();
+    if (n_nodes.size() != 1 || ir.port_is_output(*cur_node, 0)) return no_match();
     if (n_nodes[0]->op_type() != next_op_require) return no_match();
     if (!only_read_by(ir, cur_node->output[0], *n_nodes[0])) return no_match();
     cur_node = n_nodes[0];

@@ -41,10 +41,10 @@ RuleResult _p_bypass_two_transpose(IR& ir, const NodeList& nodes, QuantTable* /*
   const std::string root_in = transpose0->input[0];
   NodeList remove_ops;
   for (const NodePtr& tp : ir.next_nodes(*transpose0)) {
-    if (tp->op_type() != "Transpose" || ir.is_output(tp->output[0])) continue;
+    if (tp->op_type() != "Transpose" || ir.port_is_output(*tp, 0)) continue;
     const auto perm_out = IR::get_attr_ints(*tp, "perm");
     if (!perm_out) continue;
-    const Shape in_shape = ir.get_shape(tp->input[0]);
+    const Shape in_shape = ir.port_shape(*tp, false, 0);
     // A branch whose perm differs from the inverse only in where it puts
     // dimensions of size 1 undoes the root just as well.
     const std::vector<Perm> eq_perms = get_equivalent_perm_for_tp(*perm_out, in_shape);
@@ -54,8 +54,7 @@ RuleResult _p_bypass_two_transpose(IR& ir, const NodeList& nodes, QuantTable* /*
     remove_ops.push_back(tp);
   }
 
-  if (remove_ops.size() == ir.next_nodes(*transpose0).size() &&
-      !ir.is_output(transpose0->output[0]))
+  if (remove_ops.size() == ir.next_nodes(*transpose0).size() && !ir.port_is_output(*transpose0, 0))
     remove_ops.push_back(transpose0);
   return {remove_ops, {}};
 }

@@ -167,8 +167,8 @@ RuleResult _p_remove_invalid_node(IR& ir, const NodeList& nodes, QuantTable* qua
   std::string input0 = node->input[0];
   const std::string output0 = node->output[0];
   // The shapes are only read: the rule edits the graph last, when it bypasses.
-  const Shape& i_shape = ir.get_shape(node->input[0]);
-  const Shape& o_shape = ir.get_shape(output0);
+  const Shape& i_shape = ir.port_shape(*node, false, 0);
+  const Shape& o_shape = ir.port_shape(*node, true, 0);
 
   // A scalar keeps its node, except for a Cast.
   if (op != "Cast" && (i_shape.empty() || o_shape.empty())) return no_match();

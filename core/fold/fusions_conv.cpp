@@ -117,6 +117,10 @@ NDArray combined(const NDArray& a, const std::vector<double>& b, bool multiply) 
 bool per_channel_operand(const IR& ir, const Node& n, size_t i, NodePtr& conv, int64_t& channels,
                          std::vector<double>& values) {
   const std::string& y = n.input[i];
+  // The node's port records first: this is asked at every Add and Mul.
+  const TensorInfo* yi = ir.port_tensor(n, false, i);
+  const TensorInfo* ki = ir.port_tensor(n, false, 1 - i);
+  if (!yi || !ki || !ki->constant || yi->producers.empty() || !is_conv(*yi->producers.back())) return false;
   const NDArray* k = ir.get_const(n.input[1 - i]);
   conv = ir.producer(y);
   if (!k || !conv || !is_conv(*conv) || conv->input.size() < 2 || !sole_reader(ir, y, n)) return false;
@@ -208,6 +212,8 @@ bool fuse_batchnorm_into_conv(IR& ir, Node& bn, FoldStats& stats) {
 bool fuse_pad_into_conv_or_pool(IR& ir, Node& consumer, FoldStats& stats) {
   const std::string& op = consumer.op_type();
   if (!in_default_domain(consumer) || consumer.input.empty()) return false;
+  const TensorInfo* xi = ir.port_tensor(consumer, false, 0);
+  if (!xi || xi->producers.empty() || xi->producers.back()->op_type() != "Pad") return false;
   const NodePtr pad = ir.producer(consumer.input[0]);
   if (!pad || pad->op_type() != "Pad" || !in_default_domain(*pad) || pad->input.empty() ||
       pad->output.size() != 1 || !sole_reader(ir, consumer.input[0], consumer))
@@ -353,6 +359,8 @@ bool fuse_mul_into_conv(IR& ir, Node& mul, FoldStats& stats) {
 bool fuse_input_mul_into_conv(IR& ir, Node& conv, FoldStats& stats) {
   if (conv.op_type() != "Conv" || !in_default_domain(conv) || conv.input.size() < 2 || conv.output.size() != 1)
     return false;
+  const TensorInfo* xi = ir.port_tensor(conv, false, 0);
+  if (!xi || xi->producers.empty() || xi->producers.back()->op_type() != "Mul") return false;
   const NodePtr mul = ir.producer(conv.input[0]);
   if (!mul || mul->op_type() != "Mul" || !in_default_domain(*mul) || mul->input.size() != 2 ||
       mul->output.size() != 1 || !sole_reader(ir, conv.input[0], conv))

@@ -157,10 +157,14 @@ void IR::drop_tensor(TensorInfo& ti) {
 
 const TensorInfo* IR::tensor(const std::string& t) const { return tensors_.find(t); }
 
-const Shape& IR::get_shape(const std::string& t) const {
+const Shape& IR::no_shape() {
   static const Shape kNone;
+  return kNone;
+}
+
+const Shape& IR::get_shape(const std::string& t) const {
   const TensorInfo* ti = tensors_.find(t);
-  if (!ti || !ti->has_shape) return kNone;
+  if (!ti || !ti->has_shape) return no_shape();
   return ti->shape;
 }
 

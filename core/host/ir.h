@@ -295,6 +295,16 @@ class IR {
   const TensorInfo* port_tensor(const Node& node, bool is_output, size_t i) const {
     return port_info(node, is_output, i);
   }
+  // get_shape of that slot's tensor, read through the node's port record.
+  const Shape& port_shape(const Node& node, bool is_output, size_t i) const {
+    const TensorInfo* ti = port_info(node, is_output, i);
+    return ti && ti->has_shape ? ti->shape : no_shape();
+  }
+  // is_output of that slot's tensor, read through the node's port record.
+  bool port_is_output(const Node& node, size_t i) const {
+    const TensorInfo* ti = port_info(node, true, i);
+    return ti && ti->graph_output;
+  }
 
   // ---- nodes ------------------------------------------------------------
   // All nodes in a valid execution order (cached until the graph changes).
@@ -421,6 +431,7 @@ class IR {
     shared_valid_ = false;
   }
   TensorInfo& info(const std::string& t);
+  static const Shape& no_shape();
   void record_tensor(const std::string& t);
   void record_header(Node& node);
   void undo(UndoRecord& r);
