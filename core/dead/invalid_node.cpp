@@ -286,6 +286,10 @@ RuleResult _p_remove_invalid_node(IR& ir, const NodeList& nodes, QuantTable* qua
     }
   } else if (op == "MaxPool" || op == "AveragePool") {
     if (!pool_is_invalid(*node)) return no_match();
+    // onnxruntime's MaxPool starts each window at the lowest finite float:
+    // even a 1x1 window turns -inf and NaN into that number. Where those
+    // may come, the pool is no identity.
+    if (op == "MaxPool" && may_carry_non_finite(ir, input0)) return no_match();
   } else if (op == "Gather") {
     if (!gather_is_invalid(ir, *node)) return no_match();
   }

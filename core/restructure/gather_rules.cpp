@@ -282,6 +282,9 @@ RuleResult _p_replace_step_pick_pool_to_gather(IR& ir, const NodeList& nodes, Qu
   for (size_t k = 1; k < pool->output.size(); ++k)
     if (!pool->output[k].empty() && (ir.use_count(pool->output[k]) > 0 || ir.is_output(pool->output[k])))
       return no_match();
+  // onnxruntime's MaxPool turns -inf and NaN into the lowest finite float,
+  // even in a 1x1 window; a Gather keeps them.
+  if (pool->op_type() == "MaxPool" && may_carry_non_finite(ir, pool->input[0])) return no_match();
   const size_t one_at = (*strides)[0] == 1 ? 0 : 1;
   const int64_t step = (*strides)[1 - one_at];
   const size_t gather_axis = (1 - one_at) + 2;

@@ -196,6 +196,14 @@ def test_step_pick_pool(op, strides, h, axis):
     assert g.attribute[0].i == axis
 
 
+def test_step_pick_maxpool_after_an_infinity_stays():
+    # onnxruntime's MaxPool turns -inf into the lowest finite float, a Gather does not.
+    m = make_model([("Mul", ["x", "k"], ["m"]),
+                    ("MaxPool", ["m"], ["p"], {"name": "pool", "kernel_shape": [1, 1], "strides": [1, 2], "pads": [0] * 4}),
+                    neg("p", "y")], {"x": [1, 2, 6, 6]}, {"y": None}, {"k": np.array([-np.inf], np.float32)})
+    assert call_rule(m, "_p_replace_step_pick_pool_to_gather", ["pool"])[2] is None
+
+
 # ---- convert_tile_to_concat, convert_resize_to_concat (rowless) ---------------------
 
 @pytest.mark.parametrize("repeats, applies", [([1, 3, 1, 1], True), ([1, 2, 2, 1], False), ([1, 1, 1, 1], False)])

@@ -76,6 +76,15 @@ def test_adding_a_zero_that_flips_negative_zero_stays(op, zero):
     assert call_rule(model, "_p_remove_invalid_node", ["t"])[0] == []
 
 
+def test_a_one_by_one_maxpool_after_an_infinity_stays():
+    # onnxruntime's pool turns -inf into the lowest finite float even in a
+    # 1x1 window; x * inf holds -inf wherever x is negative.
+    pool = {**INVALID["MaxPool"][0][0][3]}
+    model = make_model([("Mul", ["x", "k"], ["m"]), ("MaxPool", ["m"], ["y"], pool)],
+                       X, {"y": [2, 3, 4, 5]}, {"k": np.array([np.inf], F)})
+    assert call_rule(model, "_p_remove_invalid_node", ["t"])[0] == []
+
+
 def test_invalid_node_before_graph_output_hands_its_name_to_the_producer():
     model = make_model([("Relu", ["x"], ["a"], {"name": "r"}), ("Reshape", ["a", "s"], ["y"], {"name": "t"})],
                        X, {"y": [2, 3, 4, 5]}, {"s": [2, 3, 4, 5]})
