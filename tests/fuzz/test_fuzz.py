@@ -249,6 +249,17 @@ def test_integer_outputs_must_match_exactly():
     assert not check._compare_outputs({"y": np.array([1.0, np.inf], np.float32)}, {"y": np.array([1.00001, np.inf], np.float32)})
 
 
+def test_a_model_that_rounds_to_float16_is_compared_at_its_precision():
+    # One float16 step at -0.49: float32 work reassociated before a cast.
+    ref, got = {"y": np.array([-0.494873], np.float32)}, {"y": np.array([-0.494629], np.float32)}
+    assert check._compare_outputs(ref, got)
+    assert not check._compare_outputs(ref, got, check.RTOL_HALF)
+    m = _case()
+    assert not check.rounds_to_half(m)
+    m.graph.node.append(helper.make_node("Cast", ["y"], ["y16"], to=onnx.TensorProto.FLOAT16))
+    assert check.rounds_to_half(m)
+
+
 def test_feeds_depend_on_the_input_name_not_on_the_other_inputs():
     m = _case()
     m.graph.input.insert(0, helper.make_tensor_value_info("w", onnx.TensorProto.INT64, [4]))
