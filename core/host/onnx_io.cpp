@@ -378,7 +378,7 @@ using namespace onnx_convert;
 
 namespace {
 
-bool is_default_domain(const std::string& d) { return d.empty() || d == "ai.onnx"; }
+bool is_default_domain(std::string_view d) { return d.empty() || d == "ai.onnx"; }
 
 // Shape of a tensor type when every dimension has a value; else false.
 bool full_shape(const onnx::TypeProto& type, Shape& out) {
@@ -479,7 +479,7 @@ NDArray densify(const onnx::SparseTensorProto& sp) {
 
 // Throws LoadError naming a node on a cycle, if the node list has one.
 // `deps[i]` are the indices of the nodes whose outputs node i reads.
-void check_acyclic(const wire::NodeTable& g, const std::vector<std::vector<int>>& deps) {
+void check_acyclic(const wire::NodeTable& table, const std::vector<std::vector<int>>& deps) {
   const size_t n = deps.size();
   std::vector<int> indeg(n, 0);
   std::vector<std::vector<int>> users(n);
@@ -512,7 +512,7 @@ void check_acyclic(const wire::NodeTable& g, const std::vector<std::vector<int>>
         break;
       }
   }
-  throw LoadError("graph has a cycle through node " + node_label(g, static_cast<int>(x)));
+  throw LoadError("graph has a cycle through node " + node_label(table, static_cast<int>(x)));
 }
 
 }  // namespace
@@ -576,7 +576,7 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
   if (!have_opset) {
     bool uses_default = false;
     for (const auto& n : table.nodes)
-      if (n.domain.empty() || n.domain == "ai.onnx") {
+      if (is_default_domain(n.domain)) {
         uses_default = true;
         break;
       }
@@ -729,8 +729,7 @@ std::unique_ptr<IR> load_model(const std::string& bytes, const LoadOptions& opti
   for (int i = 0; i < n_nodes; ++i) {
     const wire::NodeFields& nf = table.nodes[static_cast<size_t>(i)];
     ++op_counts[nf.op_type];
-    const bool default_domain = nf.domain.empty() || nf.domain == "ai.onnx";
-    if (nf.op_type == "Constant" && default_domain && nf.outputs == 1 && !table.output(nf, 0).empty() &&
+    if (nf.op_type == "Constant" && is_default_domain(nf.domain) && nf.outputs == 1 && !table.output(nf, 0).empty() &&
         !ir.is_output(std::string(table.output(nf, 0)))) {
       parse_node(i);
       NDArray v;
