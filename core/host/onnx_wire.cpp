@@ -330,28 +330,53 @@ bool read_plain_attr(std::string_view bytes, Attr& out) {
 
 namespace {
 
-// TensorShapeProto.Dimension: dim_value and dim_param share a oneof, the
-// last one given wins.
-bool read_dim(std::string_view bytes, ValueInfoFields& out, std::vector<int64_t>& dims) {
+// What a field visitor did with a field: read its value, left it to be
+// skipped, or found it malformed (or of a form left to protobuf).
+enum class Field { kRead, kSkip, kRefuse };
+
+// Calls `visit(field, wire_type, reader)` for each field of the message;
+// false when a field is refused or the bytes are malformed.
+template <class Visit>
+bool each_field(std::string_view bytes, Visit&& visit) {
   Reader r(bytes);
-  bool has_value = false;
-  int64_t value = 0;
-  uint64_t x = 0;
   while (!r.at_end()) {
     uint32_t field = 0, type = 0;
     if (!r.tag(field, type)) return false;
-    if (field == 1 && type == kVarint) {
-      if (!r.varint(x)) return false;
-      value = static_cast<int64_t>(x);
-      has_value = true;
-    } else if (field == 2 && type == kBytes) {
-      std::string_view s;
-      if (!r.bytes(s)) return false;
-      has_value = false;
-    } else if (!r.skip(field, type)) {
-      return false;
+    switch (visit(field, type, r)) {
+      case Field::kRead: break;
+      case Field::kSkip:
+        if (!r.skip(field, type)) return false;
+        break;
+      case Field::kRefuse: return false;
     }
   }
+  return true;
+}
+
+// The value of a length-delimited field, handed to `then`.
+template <class Then>
+Field nested(Reader& r, Then&& then) {
+  std::string_view s;
+  return r.bytes(s) && then(s) ? Field::kRead : Field::kRefuse;
+}
+
+// TensorShapeProto.Dimension: dim_value and dim_param share a oneof, the
+// last one given wins.
+bool read_dim(std::string_view bytes, ValueInfoFields& out, std::vector<int64_t>& dims) {
+  bool has_value = false;
+  int64_t value = 0;
+  const bool ok = each_field(bytes, [&](uint32_t field, uint32_t type, Reader& r) {
+    uint64_t x = 0;
+    if (field == 1 && type == kVarint) {
+      if (!r.varint(x)) return Field::kRefuse;
+      value = static_cast<int64_t>(x);
+      has_value = true;
+      return Field::kRead;
+    }
+    if (field == 2 && type == kBytes) has_value = false;  // dim_param: skipped below
+    return Field::kSkip;
+  });
+  if (!ok) return false;
   if (!has_value) value = -1;
   else if (value < -1 && out.bad_dim == 0) out.bad_dim = value;
   dims.push_back(value < 0 ? -1 : value);
@@ -359,59 +384,35 @@ bool read_dim(std::string_view bytes, ValueInfoFields& out, std::vector<int64_t>
 }
 
 bool read_shape(std::string_view bytes, ValueInfoFields& out, std::vector<int64_t>& dims) {
-  Reader r(bytes);
-  while (!r.at_end()) {
-    uint32_t field = 0, type = 0;
-    if (!r.tag(field, type)) return false;
-    if (field == 1 && type == kBytes) {
-      std::string_view d;
-      if (!r.bytes(d) || !read_dim(d, out, dims)) return false;
-    } else if (!r.skip(field, type)) {
-      return false;
-    }
-  }
-  return true;
+  return each_field(bytes, [&](uint32_t field, uint32_t type, Reader& r) {
+    if (field != 1 || type != kBytes) return Field::kSkip;
+    return nested(r, [&](std::string_view d) { return read_dim(d, out, dims); });
+  });
 }
 
 bool read_tensor_type(std::string_view bytes, ValueInfoFields& out, std::vector<int64_t>& dims) {
-  Reader r(bytes);
-  uint64_t x = 0;
-  while (!r.at_end()) {
-    uint32_t field = 0, type = 0;
-    if (!r.tag(field, type)) return false;
+  return each_field(bytes, [&](uint32_t field, uint32_t type, Reader& r) {
+    uint64_t x = 0;
     if (field == 1 && type == kVarint) {
-      if (!r.varint(x)) return false;
+      if (!r.varint(x)) return Field::kRefuse;
       out.elem_type = static_cast<int32_t>(static_cast<uint32_t>(x));
-    } else if (field == 2 && type == kBytes) {
-      std::string_view s;
-      if (out.has_shape || !r.bytes(s)) return false;  // twice: protobuf merges
-      out.has_shape = true;
-      if (!read_shape(s, out, dims)) return false;
-    } else if (!r.skip(field, type)) {
-      return false;
+      return Field::kRead;
     }
-  }
-  return true;
+    if (field != 2 || type != kBytes) return Field::kSkip;
+    if (out.has_shape) return Field::kRefuse;  // twice: protobuf merges
+    out.has_shape = true;
+    return nested(r, [&](std::string_view s) { return read_shape(s, out, dims); });
+  });
 }
 
 bool read_type(std::string_view bytes, ValueInfoFields& out, std::vector<int64_t>& dims) {
-  Reader r(bytes);
-  while (!r.at_end()) {
-    uint32_t field = 0, type = 0;
-    if (!r.tag(field, type)) return false;
-    if (field == 1 && type == kBytes) {
-      std::string_view s;
-      if (out.tensor || !r.bytes(s)) return false;  // twice: protobuf merges
-      out.tensor = true;
-      if (!read_tensor_type(s, out, dims)) return false;
-    } else if (field == 6 && type == kBytes) {  // denotation
-      std::string_view s;
-      if (!r.bytes(s)) return false;
-    } else {
-      return false;  // sequence, map, optional, sparse or opaque types
-    }
-  }
-  return true;
+  return each_field(bytes, [&](uint32_t field, uint32_t type, Reader& r) {
+    if (field == 6 && type == kBytes) return Field::kSkip;  // denotation
+    // Sequence, map, optional, sparse and opaque types are left to protobuf.
+    if (field != 1 || type != kBytes || out.tensor) return Field::kRefuse;  // twice: protobuf merges
+    out.tensor = true;
+    return nested(r, [&](std::string_view s) { return read_tensor_type(s, out, dims); });
+  });
 }
 
 }  // namespace
@@ -420,23 +421,13 @@ bool read_value_info(std::string_view bytes, ValueInfoFields& out, std::vector<i
   out = ValueInfoFields{};
   out.dims_at = static_cast<uint32_t>(dims.size());
   bool has_type = false;
-  bool ok = true;
-  Reader r(bytes);
-  while (ok && !r.at_end()) {
-    uint32_t field = 0, type = 0;
-    if (!r.tag(field, type)) {
-      ok = false;
-    } else if (field == 1 && type == kBytes) {
-      ok = r.bytes(out.name);
-    } else if (field == 2 && type == kBytes) {
-      std::string_view s;
-      ok = !has_type && r.bytes(s);  // twice: protobuf merges
-      has_type = true;
-      ok = ok && read_type(s, out, dims);
-    } else {
-      ok = r.skip(field, type);
-    }
-  }
+  const bool ok = each_field(bytes, [&](uint32_t field, uint32_t type, Reader& r) {
+    if (field == 1 && type == kBytes) return r.bytes(out.name) ? Field::kRead : Field::kRefuse;
+    if (field != 2 || type != kBytes) return Field::kSkip;
+    if (has_type) return Field::kRefuse;  // twice: protobuf merges
+    has_type = true;
+    return nested(r, [&](std::string_view s) { return read_type(s, out, dims); });
+  });
   if (!ok) {
     dims.resize(out.dims_at);
     return false;
@@ -445,19 +436,12 @@ bool read_value_info(std::string_view bytes, ValueInfoFields& out, std::vector<i
   return true;
 }
 
-bool read_string_field(std::string_view bytes, uint32_t wanted, std::string_view& name) {
-  name = {};
-  Reader r(bytes);
-  while (!r.at_end()) {
-    uint32_t field = 0, type = 0;
-    if (!r.tag(field, type)) return false;
-    if (field == wanted && type == kBytes) {
-      if (!r.bytes(name)) return false;
-    } else if (!r.skip(field, type)) {
-      return false;
-    }
-  }
-  return true;
+bool read_string_field(std::string_view bytes, uint32_t wanted, std::string_view& value) {
+  value = {};
+  return each_field(bytes, [&](uint32_t field, uint32_t type, Reader& r) {
+    if (field != wanted || type != kBytes) return Field::kSkip;
+    return r.bytes(value) ? Field::kRead : Field::kRefuse;
+  });
 }
 
 void put_varint_field(std::string& out, uint32_t field, uint64_t v) {
